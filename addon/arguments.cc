@@ -1,0 +1,94 @@
+#include "addon/arguments.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace tarvek {
+
+namespace {
+
+// File names fit; longer strings take the general path.
+constexpr size_t kShortStringBytes = 256;
+
+// A string that does not fit is cut at a whole character, at most this many bytes before the end of
+// the room given.
+constexpr size_t kLongestCharacterBytes = 4;
+
+// A segment array's length is the caller's claim, not a fact worth allocating for.
+constexpr uint32_t kUsualDepth = 8;
+
+void GetLongString(napi_env env, napi_value value, std::string* out) {
+  size_t length = 0;
+  napi_get_value_string_utf8(env, value, nullptr, 0, &length);
+  out->resize(length);
+  napi_get_value_string_utf8(env, value, out->data(), length + 1, &length);
+  out->resize(length);
+}
+
+bool IsSegment(const std::string& name) {
+  constexpr std::string_view kForbidden{"/\\\0", 3};
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(kForbidden) == std::string::npos;
+}
+
+}  // namespace
+
+bool IsType(napi_env env, napi_value value, napi_valuetype expected) {
+  napi_valuetype type = napi_undefined;
+  return napi_typeof(env, value, &type) == napi_ok && type == expected;
+}
+
+bool GetString(napi_env env, napi_value value, std::string* out) {
+  if (!IsType(env, value, napi_string)) return false;
+  std::array<char, kShortStringBytes> room;
+  size_t length = 0;
+  napi_get_value_string_utf8(env, value, room.data(), room.size(), &length);
+  if (length + kLongestCharacterBytes < room.size()) {
+    out->assign(room.data(), length);
+  } else {
+    GetLongString(env, value, out);
+  }
+  return true;
+}
+
+bool GetBytes(napi_env env, napi_value value, Bytes* out) {
+  bool isBuffer = false;
+  if (napi_is_buffer(env, value, &isBuffer) != napi_ok || !isBuffer) return false;
+  void* data = nullptr;
+  size_t length = 0;
+  if (napi_get_buffer_info(env, value, &data, &length) != napi_ok) return false;
+  *out = {static_cast<const uint8_t*>(data), length};
+  return true;
+}
+
+bool StillHolds(napi_env env, napi_value value, const Bytes& bytes) {
+  Bytes now;
+  return GetBytes(env, value, &now) && now.data == bytes.data && now.length == bytes.length;
+}
+
+bool GetSegments(napi_env env, napi_value value, Segments* out) {
+  bool isArray = false;
+  if (napi_is_array(env, value, &isArray) != napi_ok || !isArray) return false;
+  uint32_t length = 0;
+  if (napi_get_array_length(env, value, &length) != napi_ok || length == 0) return false;
+  out->reserve(std::min(length, kUsualDepth));
+  for (uint32_t index = 0; index < length; ++index) {
+    napi_value element = nullptr;
+    napi_get_element(env, value, index, &element);
+    std::string name;
+    if (!GetString(env, element, &name) || !IsSegment(name)) return false;
+    out->push_back(std::move(name));
+  }
+  return true;
+}
+
+std::string JoinSegments(std::span<const std::string> segments) {
+  std::string joined;
+  for (const std::string& segment : segments) {
+    if (!joined.empty()) joined += '/';
+    joined += segment;
+  }
+  return joined;
+}
+
+}  // namespace tarvek

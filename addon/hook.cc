@@ -1,0 +1,62 @@
+// setTestHook, and the firing of a hook point. Without a hook a point costs one test of a variable.
+
+#include "addon/hook.h"
+
+#include "addon/arguments.h"
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+
+namespace tarvek {
+
+namespace {
+
+// A reference belongs to the JavaScript environment that made it, and each environment has a thread
+// of its own: were this shared between threads, a worker would follow another environment's
+// reference and bring the process down.
+thread_local napi_ref test_hook = nullptr;
+
+napi_value HookArgument(napi_env env, const char* point, std::string_view segment, uint32_t index) {
+  napi_value argument = nullptr;
+  napi_value position = nullptr;
+  napi_create_object(env, &argument);
+  napi_create_uint32(env, index, &position);
+  napi_set_named_property(env, argument, "point", String(env, point));
+  napi_set_named_property(env, argument, "segment", String(env, segment));
+  napi_set_named_property(env, argument, "index", position);
+  return argument;
+}
+
+}  // namespace
+
+bool Hook(napi_env env, const char* point, std::string_view segment, uint32_t index,
+          napi_value* result) {
+  if (test_hook == nullptr) return true;
+  napi_value callback = nullptr;
+  napi_value global = nullptr;
+  napi_get_reference_value(env, test_hook, &callback);
+  napi_get_global(env, &global);
+  const napi_value argument = HookArgument(env, point, segment, index);
+  napi_value returned = nullptr;
+  if (napi_call_function(env, global, callback, 1, &argument, &returned) != napi_ok) return false;
+  if (result != nullptr) *result = returned;
+  return true;
+}
+
+napi_value SetTestHook(napi_env env, napi_callback_info info) {
+  const CallArguments<1> call(env, info);
+  // The old hook goes first, whatever the argument is: a bad one leaves no hook installed.
+  if (test_hook != nullptr) {
+    napi_delete_reference(env, test_hook);
+    test_hook = nullptr;
+  }
+  if (call.count == 0) return Undefined(env);
+  napi_valuetype type = napi_undefined;
+  napi_typeof(env, call.values[0], &type);
+  if (type == napi_undefined || type == napi_null) return Undefined(env);
+  if (type != napi_function) return Throw(env, kStorageFailed);
+  napi_create_reference(env, call.values[0], 1, &test_hook);
+  return Undefined(env);
+}
+
+}  // namespace tarvek

@@ -1,0 +1,73 @@
+// The module's entry: which functions JavaScript sees, and the one guard around them all.
+
+#include <node_api.h>
+
+#include <array>
+#include <cstdint>
+#include <exception>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+
+namespace tarvek {
+
+namespace {
+
+// No C++ exception may cross into Node. The only ones there are come from memory that cannot be had
+// (std::bad_alloc, std::length_error); scope has released everything by the time they arrive here.
+template <napi_callback kOperation>
+napi_value Guarded(napi_env env, napi_callback_info info) noexcept {
+  try {
+    return kOperation(env, info);
+  } catch (const std::exception&) {
+    return Throw(env, kStorageFailed);
+  }
+}
+
+template <napi_callback kOperation>
+constexpr napi_property_descriptor Export(const char* name) {
+  return {.utf8name = name,
+          .name = nullptr,
+          .method = Guarded<kOperation>,
+          .getter = nullptr,
+          .setter = nullptr,
+          .value = nullptr,
+          .attributes = napi_default,
+          .data = nullptr};
+}
+
+constexpr std::array kExports{
+    Export<OpenRoot>("open"),
+    Export<OpenRoot>("openRoot"),
+    Export<CloseRoot>("close"),
+    Export<RootIdentity>("rootIdentity"),
+    Export<Exists>("exists"),
+    Export<Capture>("capture"),
+    Export<Read>("read"),
+    Export<Write>("write"),
+    Export<Create>("create"),
+    Export<SetTestHook>("setTestHook"),
+};
+
+napi_value Init(napi_env env, napi_value exports) {
+  napi_define_properties(env, exports, kExports.size(), kExports.data());
+  return exports;
+}
+
+}  // namespace
+
+}  // namespace tarvek
+
+// The two symbols that Node looks up by name; the module exports nothing else.
+extern "C" {
+
+NAPI_MODULE_EXPORT int32_t node_api_module_get_api_version_v1() {
+  static_assert(NAPI_VERSION == 9);
+  return NAPI_VERSION;
+}
+
+NAPI_MODULE_EXPORT napi_value napi_register_module_v1(napi_env env, napi_value exports) {
+  return tarvek::Init(env, exports);
+}
+
+}  // extern "C"

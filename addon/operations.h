@@ -1,0 +1,19 @@
+// The callbacks behind the exported functions. Each is defined in a file of its own; only the
+// export table calls them.
+#pragma once
+
+#include <node_api.h>
+
+namespace tarvek {
+
+napi_value OpenRoot(napi_env env, napi_callback_info info);
+napi_value CloseRoot(napi_env env, napi_callback_info info);
+napi_value RootIdentity(napi_env env, napi_callback_info info);
+napi_value Exists(napi_env env, napi_callback_info info);
+napi_value Capture(napi_env env, napi_callback_info info);
+napi_value Read(napi_env env, napi_callback_info info);
+napi_value Write(napi_env env, napi_callback_info info);
+napi_value Create(napi_env env, napi_callback_info info);
+napi_value SetTestHook(napi_env env, napi_callback_info info);
+
+}  // namespace tarvek

@@ -1,0 +1,51 @@
+// An owned file descriptor, the one way in which a directory's is got, and the modes of new
+// entries.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace tarvek {
+
+// Modes of what the module makes, before the umask.
+inline constexpr mode_t kNewFileMode = 0600;
+inline constexpr mode_t kNewDirectoryMode = 0700;
+
+// -1 is empty.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(other.Release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+      Close();
+      fd_ = other.Release();
+    }
+    return *this;
+  }
+  ~Descriptor() { Close(); }
+
+  [[nodiscard]] bool ok() const { return fd_ >= 0; }
+  [[nodiscard]] int get() const { return fd_; }
+  int Release() { return std::exchange(fd_, -1); }
+
+  // Errors of close are ignored: whatever had to be durable was flushed before, and Linux lets go
+  // of the descriptor even when it reports an error.
+  void Close() {
+    if (ok()) (void)::close(Release());
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+// Opens a directory by a single name, never through a link. Empty: errno says why.
+inline Descriptor OpenDirectoryAt(int dirFd, const char* name) {
+  return Descriptor(::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+}  // namespace tarvek

@@ -1,0 +1,116 @@
+#include "confine/directory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "addon/error.h"
+#include "addon/hook.h"
+
+namespace tarvek {
+
+namespace {
+
+// Empty with errno set when there is no directory to be had. A directory that somebody else makes
+// in the meantime is as good as one of ours, but theirs to flush.
+Descriptor OpenOrMake(int dirFd, const char* name, bool create, bool* made) {
+  Descriptor opened = OpenDirectoryAt(dirFd, name);
+  if (opened.ok() || errno != ENOENT || !create) return opened;
+  *made = ::mkdirat(dirFd, name, kNewDirectoryMode) == 0;
+  if (!*made && errno != EEXIST) return opened;
+  return OpenDirectoryAt(dirFd, name);
+}
+
+// Fires the hook between opening and looking again, which is where an attacker would strike.
+bool ConfirmOpened(napi_env env, const char* point, int dirFd, const std::string& name,
+                   uint32_t index, const Descriptor& directory, Identity* identity) {
+  struct stat opened;
+  struct stat named;
+  const bool same = ::fstat(directory.get(), &opened) == 0 && Hook(env, point, name, index) &&
+                    ::fstatat(dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISDIR(named.st_mode) && SameIdentity(opened, named);
+  if (!same) return Refuse(env, kOutOfRoot);
+  *identity = IdentityOf(opened);
+  return true;
+}
+
+bool IsSelfOrParent(const char* name) {
+  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+}  // namespace
+
+bool WalkDirectories(napi_env env, const Walk& walk, std::span<const std::string> names,
+                     Descriptor* current, std::vector<Identity>* identities, bool* missing) {
+  identities->reserve(names.size());
+  for (uint32_t index = 0; index < names.size(); ++index) {
+    const std::string& name = names[index];
+    bool made = false;
+    Descriptor next = OpenOrMake(current->get(), name.c_str(), walk.create, &made);
+    if (!next.ok()) {
+      if (missing == nullptr || errno != ENOENT) return RefuseErrno(env, errno);
+      *missing = true;
+      return true;
+    }
+    Identity identity;
+    if (!ConfirmOpened(env, walk.point, current->get(), name, index, next, &identity)) return false;
+    identities->push_back(identity);
+    // A new directory is durable before anything is made inside it.
+    if (made && ::fsync(current->get()) != 0) return RefuseErrno(env, errno);
+    *current = std::move(next);
+  }
+  return true;
+}
+
+bool OpenListed(napi_env env, int dirFd, const std::string& name, Descriptor* directory) {
+  Descriptor opened = OpenDirectoryAt(dirFd, name.c_str());
+  if (!opened.ok()) return RefuseErrno(env, errno);
+  struct stat status;
+  struct stat named;
+  const bool same = ::fstat(opened.get(), &status) == 0 &&
+                    ::fstatat(dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    !S_ISLNK(named.st_mode) && SameIdentity(status, named);
+  if (!same) return Refuse(env, kOutOfRoot);
+  *directory = std::move(opened);
+  return true;
+}
+
+DirectoryStream OpenStream(int dirFd) { return DirectoryStream(::fdopendir(::dup(dirFd))); }
+
+const char* NextName(DIR* stream) {
+  for (;;) {
+    errno = 0;
+    const struct dirent* entry = ::readdir(stream);
+    if (entry == nullptr) return nullptr;
+    if (!IsSelfOrParent(entry->d_name)) return entry->d_name;
+  }
+}
+
+bool ReadNames(napi_env env, int dirFd, Names* names) {
+  DirectoryStream stream = OpenStream(dirFd);
+  if (stream == nullptr) return RefuseErrno(env, errno);
+  size_t count = 0;
+  while (const char* name = NextName(stream.get())) {
+    names->block.insert(names->block.end(), name, name + std::strlen(name) + 1);
+    ++count;
+  }
+  const int readError = errno;
+  stream.reset();
+  if (readError != 0) return RefuseErrno(env, readError);
+
+  names->sorted.reserve(count);
+  const char* name = names->block.data();
+  for (size_t index = 0; index < count; ++index, name += std::strlen(name) + 1) {
+    names->sorted.push_back(name);
+  }
+  // strcmp compares unsigned bytes and puts a prefix first, whatever the locale.
+  std::sort(names->sorted.begin(), names->sorted.end(),
+            [](const char* a, const char* b) { return std::strcmp(a, b) < 0; });
+  return true;
+}
+
+}  // namespace tarvek

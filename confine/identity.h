@@ -1,0 +1,51 @@
+// The checks that tell whether something on disk still is what it was. They compare what the kernel
+// says of an object (device and inode, and where content matters its times, size and links) and
+// never trust a name that was looked at earlier.
+#pragma once
+
+#include <node_api.h>
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "addon/arguments.h"
+
+namespace tarvek {
+
+struct Identity {
+  uint64_t dev = 0;
+  uint64_t ino = 0;
+
+  bool operator==(const Identity&) const = default;
+};
+
+inline Identity IdentityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+
+inline bool SameIdentity(const struct stat& a, const struct stat& b) {
+  return IdentityOf(a) == IdentityOf(b);
+}
+
+// Identity, mode, link count, size, modification and status-change time. Ownership and access time
+// are left out on purpose: reading a file must not count as changing it.
+bool SameStableMetadata(const struct stat& a, const struct stat& b);
+
+// Whether walking `names` from `rootFd` reaches, at every step, the directory whose identity was
+// recorded. Walks by name from the root, so it proves what the path means at this moment rather
+// than what the operation holds open. Throws nothing; `names` and `identities` run in parallel.
+bool ValidateChain(int rootFd, std::span<const std::string> names,
+                   std::span<const Identity> identities);
+
+// Whether the file holds exactly `expected` and ends there. Reads by position, so that a borrowed
+// descriptor's offset stays where its owner left it, through one fixed buffer. Throws nothing.
+bool ReadExactAt(int fd, const Bytes& expected);
+
+// Looks at a leaf by name and refuses what no operation may act on: a symbolic link, and a regular
+// file that another name could reach. Every other type passes; whether it suits is the caller's
+// question. False: it has thrown. With `allowMissing` an absent leaf passes with st_mode 0.
+bool SafeLeafStat(napi_env env, int dirFd, const std::string& name, struct stat* out,
+                  bool allowMissing);
+
+}  // namespace tarvek

@@ -1,0 +1,47 @@
+#include "confine/parent.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/hook.h"
+#include "confine/directory.h"
+
+namespace tarvek {
+
+bool OpenParent(napi_env env, const Root& root, const Segments& segments, bool create,
+                Parent* parent, bool* missing) {
+  parent->fd = Descriptor(::dup(root.fd.get()));
+  if (!parent->fd.ok()) return RefuseErrno(env, errno);
+  const std::span ancestors = std::span(segments).first(segments.size() - 1);
+  const Walk walk{.point = "ancestor-open", .create = create};
+  if (!WalkDirectories(env, walk, ancestors, &parent->fd, &parent->identities, missing)) {
+    return false;
+  }
+  parent->segments = ancestors.first(parent->identities.size());
+  return true;
+}
+
+bool PreEffect(napi_env env, const Root& root, const Parent& parent, const Segments& segments) {
+  const auto index = static_cast<uint32_t>(segments.size() - 1);
+  if (!Hook(env, "pre-effect", segments.back(), index)) return false;
+  return ChainHolds(root, parent) || Refuse(env, kOutOfRoot);
+}
+
+bool ChainHolds(const Root& root, const Parent& parent) {
+  return ValidateChain(root.fd.get(), parent.segments, parent.identities);
+}
+
+bool OpenBothParents(napi_env env, const Root& root, const Segments& from, const Segments& to,
+                     Parent* source, Parent* destination) {
+  return OpenParent(env, root, from, /*create=*/false, source) &&
+         OpenParent(env, root, to, /*create=*/true, destination) &&
+         PreEffect(env, root, *source, from) && PreEffect(env, root, *destination, to);
+}
+
+bool FlushBothParents(const Parent& source, const Parent& destination) {
+  return ::fsync(source.fd.get()) == 0 && ::fsync(destination.fd.get()) == 0;
+}
+
+}  // namespace tarvek

@@ -1,0 +1,32 @@
+// exists: whether an entry is there. An absent entry, or an absent directory on the way, is an
+// answer and not an error; a symbolic link or a hard-linked file is refused, since what it stands
+// for may lie outside the root.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+napi_value Exists(napi_env env, napi_callback_info info) {
+  Root* root = nullptr;
+  Segments segments;
+  if (!Args(env, info, &root, &segments)) return nullptr;
+  Parent parent;
+  bool missing = false;
+  if (!OpenParent(env, *root, segments, /*create=*/false, &parent, &missing)) return nullptr;
+  if (missing) return Boolean(env, false);
+  if (!PreEffect(env, *root, parent, segments)) return nullptr;
+  struct stat leaf;
+  if (!SafeLeafStat(env, parent.fd.get(), segments.back(), &leaf, /*allowMissing=*/true)) {
+    return nullptr;
+  }
+  return Boolean(env, leaf.st_mode != 0);
+}
+
+}  // namespace tarvek

@@ -1,0 +1,190 @@
+// write and create.
+//
+// write replaces a file atomically and durably: the bytes go into a temporary file in the same
+// directory, which is flushed, renamed over the target, and followed by a flush of the directory.
+// Until the rename the target holds its old bytes and every failure removes the temporary file;
+// from the rename on it holds the new ones. Only a crash in between leaves a temporary file behind.
+//
+// create makes a file that must not exist yet, in place under exclusive creation. It never removes
+// what it created: a failure half-way leaves a partial file, which the caller can see and judge.
+//
+// Left open on purpose: between the last look at the target and the rename, write may replace an
+// entry that somebody else just put there.
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/parent.h"
+#include "confine/transfer.h"
+
+namespace tarvek {
+
+namespace {
+
+constexpr int kExclusive = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+
+// Shared by every JavaScript environment of the process, each of which has a thread of its own.
+std::atomic<uint64_t> sequence{0};
+
+// The process id and the counter keep names apart within this machine's lifetime, the random digits
+// across restarts and against guessing. Too little entropy is no reason to fail: the exclusive open
+// refuses a name that is taken.
+std::string TempName() {
+  std::array<uint8_t, 16> random{};
+  [[maybe_unused]] const ssize_t drawn = ::getrandom(random.data(), random.size(), 0);
+  std::string name =
+      ".tarvek-" + std::to_string(::getpid()) + '-' + std::to_string(++sequence) + '-';
+  for (const uint8_t byte : random) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    name += kDigits[byte >> 4];
+    name += kDigits[byte & 0xf];
+  }
+  return name;
+}
+
+// A temporary file's name on disk, which goes unless it is kept.
+class TempEntry {
+ public:
+  TempEntry(int dirFd, const std::string& name) : dirFd_(dirFd), name_(name) {}
+  TempEntry(const TempEntry&) = delete;
+  TempEntry& operator=(const TempEntry&) = delete;
+  ~TempEntry() { Unlink(); }
+
+  void Keep() { present_ = false; }
+
+  // Errors are ignored: the failure that leads here is the one to report.
+  void Unlink() {
+    if (std::exchange(present_, false)) (void)::unlinkat(dirFd_, name_.c_str(), 0);
+  }
+
+ private:
+  int dirFd_;
+  const std::string& name_;
+  bool present_ = true;
+};
+
+// False: errno says why, or whatever it said before when the kernel took no byte and gave no
+// reason.
+bool WriteAll(int fd, const Bytes& body) {
+  size_t offset = 0;
+  while (offset < body.length) {
+    const ssize_t count = WriteSome(fd, body.data + offset, body.length - offset);
+    if (count <= 0) return false;
+    offset += static_cast<size_t>(count);
+  }
+  return true;
+}
+
+// True without a callback. False when it threw: its exception is the call's.
+bool WriteStage(napi_env env, napi_value stage, const char* name) {
+  if (stage == nullptr) return true;
+  napi_value global = nullptr;
+  napi_get_global(env, &global);
+  const napi_value argument = String(env, name);
+  return napi_call_function(env, global, stage, 1, &argument, nullptr) == napi_ok;
+}
+
+struct WriteCall {
+  Root* root = nullptr;
+  Segments segments;
+  Bytes body;
+  napi_value stage = nullptr;  // null when none was given
+};
+
+bool GetWriteCall(napi_env env, const CallArguments<4>& call, WriteCall* out) {
+  if (call.count < 3 || call.count > 4) return Refuse(env, kOutOfRoot);
+  out->root = GetRoot(env, call.values[0]);
+  if (out->root == nullptr || !GetSegments(env, call.values[1], &out->segments)) {
+    return Refuse(env, kOutOfRoot);
+  }
+  if (call.count == 4) {
+    if (!IsType(env, call.values[3], napi_function)) return Refuse(env, kStorageFailed);
+    out->stage = call.values[3];
+  }
+  return GetBytes(env, call.values[2], &out->body) || Refuse(env, kStorageFailed);
+}
+
+napi_value CreateInPlace(napi_env env, const Parent& parent, const std::string& leaf,
+                         const Bytes& body) {
+  const Descriptor file(::openat(parent.fd.get(), leaf.c_str(), kExclusive, kNewFileMode));
+  if (!file.ok()) {
+    return errno == EEXIST ? Throw(env, kAlreadyExists) : FailErrno(env, errno);
+  }
+  if (!WriteAll(file.get(), body) || ::fsync(file.get()) != 0 || ::fsync(parent.fd.get()) != 0) {
+    return FailErrno(env, errno);
+  }
+  return Undefined(env);
+}
+
+napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& parent) {
+  const std::string& leaf = call.segments.back();
+  const std::string temp = TempName();
+  Descriptor file(::openat(parent.fd.get(), temp.c_str(), kExclusive, kNewFileMode));
+  if (!file.ok()) return FailErrno(env, errno);
+  TempEntry entry(parent.fd.get(), temp);
+
+  const bool written = WriteAll(file.get(), call.body);
+  if (written && !WriteStage(env, call.stage, "after-temp-write")) return nullptr;
+  if (!written || ::fsync(file.get()) != 0) {
+    // errno is read after the unlink: a name that cannot be removed either is the graver news.
+    entry.Unlink();
+    return FailErrno(env, errno);
+  }
+  if (!WriteStage(env, call.stage, "after-file-sync")) return nullptr;
+  file.Close();
+  if (!WriteStage(env, call.stage, "before-file-rename")) return nullptr;
+
+  if (!ChainHolds(*call.root, parent)) return Throw(env, kOutOfRoot);
+  if (::renameat(parent.fd.get(), temp.c_str(), parent.fd.get(), leaf.c_str()) != 0) {
+    const int renameError = errno;
+    entry.Unlink();
+    return FailErrno(env, renameError);
+  }
+  entry.Keep();
+
+  if (!WriteStage(env, call.stage, "after-file-rename")) return nullptr;
+  if (::fsync(parent.fd.get()) != 0) return FailErrno(env, errno);
+  if (!WriteStage(env, call.stage, "after-directory-sync")) return nullptr;
+  return Undefined(env);
+}
+
+napi_value WriteCommon(napi_env env, napi_callback_info info, bool create) {
+  const CallArguments<4> arguments(env, info);
+  WriteCall call;
+  if (!GetWriteCall(env, arguments, &call)) return nullptr;
+  Parent parent;
+  if (!OpenParent(env, *call.root, call.segments, /*create=*/true, &parent)) return nullptr;
+  if (!PreEffect(env, *call.root, parent, call.segments)) return nullptr;
+  const std::string& leaf = call.segments.back();
+  struct stat status;
+  if (!SafeLeafStat(env, parent.fd.get(), leaf, &status, /*allowMissing=*/true)) return nullptr;
+
+  const bool present = status.st_mode != 0;
+  if (create && present) return Throw(env, kAlreadyExists);
+  if (present && !S_ISREG(status.st_mode)) return Throw(env, kOutOfRoot);
+  if (!StillHolds(env, arguments.values[2], call.body)) return Throw(env, kStorageFailed);
+  return create ? CreateInPlace(env, parent, leaf, call.body)
+                : ReplaceAtomically(env, call, parent);
+}
+
+}  // namespace
+
+napi_value Write(napi_env env, napi_callback_info info) {
+  return WriteCommon(env, info, /*create=*/false);
+}
+
+napi_value Create(napi_env env, napi_callback_info info) {
+  return WriteCommon(env, info, /*create=*/true);
+}
+
+}  // namespace tarvek

@@ -1,0 +1,79 @@
+'use strict';
+
+// Brings a fresh clone to where a command can run: names a missing tool, installs the packages of the
+// lock file, builds one preset. Takes a few hundred milliseconds when there is nothing to do.
+//
+//   node scripts/setup.js PRESET|- [TOOL...]
+//
+// PRESET is one of CMakePresets.json, `-` builds nothing; each TOOL must be on the PATH.
+
+const { spawnSync } = require('node:child_process');
+const { existsSync, statSync } = require('node:fs');
+const { availableParallelism } = require('node:os');
+const path = require('node:path');
+
+const root = path.join(__dirname, '..');
+
+function fail(message) {
+  console.error(`tarvek: ${message}`);
+  process.exit(1);
+}
+
+function output(command, args, input) {
+  const run = spawnSync(command, args, { input, encoding: 'utf8' });
+  return run.status === 0 ? run.stdout : undefined;
+}
+
+function requireTool(tool) {
+  if (output(tool, ['--version']) !== undefined) return;
+  fail(`${tool} is needed and was not found; on Debian: apt-get install ${tool}`);
+}
+
+function requireBuildTools() {
+  const version = /version (\d+)\.(\d+)/.exec(output('cmake', ['--version']) ?? '');
+  if (!version || Number(version[1]) * 100 + Number(version[2]) < 322) {
+    fail('cmake 3.22 or newer is needed and was not found; on Debian: apt-get install cmake');
+  }
+  // The first that is there is the one CMake takes, even when another is newer.
+  const compilers = process.env.CXX ? [process.env.CXX.split(' ')[0]] : ['c++', 'g++', 'clang++'];
+  const compiler = compilers.find((name) => output(name, ['--version']) !== undefined);
+  const check = ['-std=c++20', '-fsyntax-only', '-x', 'c++', '-'];
+  if (!compiler || output(compiler, check, '#include <compare>\n') === undefined) {
+    fail('a C++20 compiler is needed and was not found; on Debian: apt-get install g++');
+  }
+  if (!process.env.CMAKE_GENERATOR) requireTool('make');
+}
+
+// Shows warnings at once, and the progress report only when the command fails.
+function quietly(command, args) {
+  const stdio = ['ignore', 'pipe', 'inherit'];
+  const run = spawnSync(command, args, { cwd: root, stdio, encoding: 'utf8' });
+  if (run.status === 0) return;
+  process.stderr.write(run.stdout ?? '');
+  fail(`failed: ${command} ${args.join(' ')}${run.error ? ` (${run.error.message})` : ''}`);
+}
+
+function installPackages() {
+  const modified = (name) => statSync(path.join(root, name), { throwIfNoEntry: false })?.mtimeMs;
+  const installed = modified('node_modules/.package-lock.json');
+  if (installed !== undefined && installed >= modified('package-lock.json')) return;
+  console.error('tarvek: installing packages');
+  quietly('npm', ['ci', '--ignore-scripts', '--loglevel=error']);
+}
+
+function build(preset) {
+  const { configurePresets } = require('../CMakePresets.json');
+  const directory = configurePresets.find(({ name }) => name === preset)?.binaryDir;
+  if (!directory) fail(`CMakePresets.json has no preset ${preset}`);
+  requireBuildTools();
+  const module = `${directory}/tarvek.node`;
+  if (!existsSync(path.join(root, module))) console.error(`tarvek: building ${module}`);
+  quietly('cmake', ['--preset', preset]);
+  quietly('cmake', ['--build', '--preset', preset, '--parallel', String(availableParallelism())]);
+}
+
+const [preset, ...tools] = process.argv.slice(2);
+if (!preset) fail('usage: node scripts/setup.js PRESET|- [TOOL...]');
+for (const tool of tools) requireTool(tool);
+installPackages();
+if (preset !== '-') build(preset);

@@ -1,0 +1,264 @@
+// capture: whole subtrees in memory, one record for every directory and every regular file, and
+// only if nothing changed while they were read.
+//
+// A file is looked at four times: by name before it is opened, through the descriptor after,
+// through the descriptor once its bytes are read, and by name again. A directory is bracketed the
+// same way around everything beneath it, so that an entry made, removed or renamed in it meanwhile
+// is noticed; the chain of directories above is proved before and after. Links, files with more
+// than one name, special files and a file met twice are refused.
+//
+// Left open on purpose: a change that is undone between two looks, times included, is not seen.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "addon/error.h"
+#include "addon/hook.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/body.h"
+#include "confine/directory.h"
+#include "confine/levels.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+namespace {
+
+constexpr uint32_t kPermissionBits = 0777;
+
+struct CaptureEntry {
+  std::string path;  // relative to the root, "/" between the names
+  uint32_t mode;     // the whole st_mode
+  bool directory;
+  Body body;  // nothing for a directory
+};
+
+struct IdentityHash {
+  size_t operator()(const Identity& identity) const {
+    return std::hash<uint64_t>()(identity.ino ^ (identity.dev << 32));
+  }
+};
+
+// What one call has gathered, over all of its paths.
+struct Captured {
+  std::unordered_set<Identity, IdentityHash> identities;  // of the files
+  std::vector<CaptureEntry> entries;                      // a directory before what is in it
+};
+
+// A directory whose contents are being captured. Its name lies with whoever holds the directory and
+// outlives the level.
+struct CaptureLevel {
+  int holderFd;
+  const char* name;
+  Descriptor directory;
+  struct stat opened;
+  size_t entry;  // its own, in Captured::entries
+  Names names;
+  size_t next = 0;  // the first of `names` still to do
+};
+
+bool IsSoleFile(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_nlink == 1;
+}
+
+// The last two looks at an object that was opened: through its descriptor, then by its name.
+bool LookAgain(napi_env env, int fd, int holderFd, const char* name, struct stat* after,
+               struct stat* again) {
+  if (::fstat(fd, after) != 0) return RefuseErrno(env, errno);
+  if (::fstatat(holderFd, name, again, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
+  return true;
+}
+
+bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
+                 const struct stat& named, Captured* captured) {
+  if (named.st_nlink != 1) return Refuse(env, kSourceIsHardLinked);
+  const Descriptor file(::openat(dirFd, name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  if (!file.ok()) return RefuseErrno(env, errno);
+  struct stat opened;
+  if (::fstat(file.get(), &opened) != 0) return RefuseErrno(env, errno);
+  if (!IsSoleFile(opened) || !SameStableMetadata(named, opened) || opened.st_size < 0) {
+    return Refuse(env, kSourceReplaced);
+  }
+  if (captured->identities.contains(IdentityOf(opened))) return Refuse(env, kSourceDuplicated);
+
+  Body body;
+  if (!ReadBody(env, file.get(), opened.st_size, &body)) return false;
+  if (!Hook(env, "capture-file-read", path, 0)) return false;
+  struct stat after;
+  struct stat again;
+  if (!LookAgain(env, file.get(), dirFd, name, &after, &again)) return false;
+  if (!IsSoleFile(again) || !SameStableMetadata(opened, after) ||
+      !SameStableMetadata(after, again) || static_cast<size_t>(after.st_size) != body.length) {
+    return Refuse(env, kSourceChanged);
+  }
+  captured->identities.insert(IdentityOf(opened));
+  captured->entries.push_back({std::move(path), opened.st_mode, false, std::move(body)});
+  return true;
+}
+
+bool EnterDirectory(napi_env env, int dirFd, const char* name, std::string path,
+                    const struct stat& named, Captured* captured, Levels<CaptureLevel>* levels) {
+  Descriptor directory = OpenDirectoryAt(dirFd, name);
+  if (!directory.ok()) return RefuseErrno(env, errno);
+  // A failing fstat counts as a replaced directory here, while a file's is reported by its errno.
+  struct stat opened;
+  if (::fstat(directory.get(), &opened) != 0 || !S_ISDIR(opened.st_mode) ||
+      !SameStableMetadata(named, opened)) {
+    return Refuse(env, kSourceDirectoryReplaced);
+  }
+  const size_t entry = captured->entries.size();
+  captured->entries.push_back({std::move(path), opened.st_mode, true, {}});
+  Names names;
+  if (!ReadNames(env, directory.get(), &names)) return false;
+  levels->Push({dirFd, name, std::move(directory), opened, entry, std::move(names)});
+  return true;
+}
+
+// After everything beneath the directory has been captured.
+bool ConfirmDirectory(napi_env env, const CaptureLevel& level, const Captured& captured) {
+  if (!Hook(env, "capture-directory-read", captured.entries[level.entry].path, 0)) return false;
+  struct stat after;
+  struct stat again;
+  if (!LookAgain(env, level.directory.get(), level.holderFd, level.name, &after, &again)) {
+    return false;
+  }
+  if (!S_ISDIR(again.st_mode) || !SameStableMetadata(level.opened, after) ||
+      !SameStableMetadata(after, again)) {
+    return Refuse(env, kSourceDirectoryChanged);
+  }
+  return true;
+}
+
+// Captures a file, or enters a directory as a new level.
+bool CaptureOrEnter(napi_env env, int dirFd, const char* name, std::string path,
+                    const struct stat& named, Captured* captured, Levels<CaptureLevel>* levels) {
+  switch (named.st_mode & S_IFMT) {
+    case S_IFLNK:
+      return Refuse(env, kSourceIsLink);
+    case S_IFREG:
+      return CaptureFile(env, dirFd, name, std::move(path), named, captured);
+    case S_IFDIR:
+      return EnterDirectory(env, dirFd, name, std::move(path), named, captured, levels);
+    default:
+      return Refuse(env, kSourceIsSpecial);
+  }
+}
+
+// Captures one object, and for a directory all that is beneath it. `named` is what the name was
+// found to be just before. False: it has thrown.
+bool CaptureNode(napi_env env, int dirFd, const char* name, std::string path,
+                 const struct stat& named, Captured* captured) {
+  Levels<CaptureLevel> levels;
+  if (!CaptureOrEnter(env, dirFd, name, std::move(path), named, captured, &levels)) return false;
+  while (!levels.Empty()) {
+    CaptureLevel& level = levels.Top();
+    if (level.next == level.names.sorted.size()) {
+      if (!ConfirmDirectory(env, level, *captured)) return false;
+      levels.Pop();
+      continue;
+    }
+    const char* child = level.names.sorted[level.next++];
+    const int holderFd = level.directory.get();
+    struct stat status;
+    if (::fstatat(holderFd, child, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      return RefuseErrno(env, errno);
+    }
+    std::string childPath = captured->entries[level.entry].path + '/' + child;
+    if (!CaptureOrEnter(env, holderFd, child, std::move(childPath), status, captured, &levels)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool CapturePath(napi_env env, const Root& root, const Segments& segments, Captured* captured) {
+  Parent parent;
+  if (!OpenParent(env, root, segments, /*create=*/false, &parent)) return false;
+  if (!PreEffect(env, root, parent, segments)) return false;
+  const char* leaf = segments.back().c_str();
+  struct stat named;
+  if (::fstatat(parent.fd.get(), leaf, &named, AT_SYMLINK_NOFOLLOW) != 0) {
+    return RefuseErrno(env, errno);
+  }
+  if (!CaptureNode(env, parent.fd.get(), leaf, JoinSegments(segments), named, captured)) {
+    return false;
+  }
+  return ChainHolds(root, parent) || Refuse(env, kOutOfRoot);
+}
+
+// Every element is converted before anything is opened. False: one was refused.
+bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
+  bool isArray = false;
+  if (napi_is_array(env, value, &isArray) != napi_ok || !isArray) return false;
+  uint32_t length = 0;
+  if (napi_get_array_length(env, value, &length) != napi_ok || length == 0) return false;
+  for (uint32_t index = 0; index < length; ++index) {
+    napi_value element = nullptr;
+    napi_get_element(env, value, index, &element);
+    Segments segments;
+    if (!GetSegments(env, element, &segments)) return false;
+    paths->push_back(std::move(segments));
+  }
+  return true;
+}
+
+// The texts that every record shares.
+struct RecordTexts {
+  explicit RecordTexts(napi_env env)
+      : directory(String(env, "directory")), file(String(env, "file")) {}
+
+  napi_value directory;
+  napi_value file;
+};
+
+napi_value Record(napi_env env, const RecordTexts& texts, const CaptureEntry& entry) {
+  napi_value record = nullptr;
+  napi_value mode = nullptr;
+  napi_create_object(env, &record);
+  napi_create_uint32(env, entry.mode & kPermissionBits, &mode);
+  napi_set_named_property(env, record, "path", String(env, entry.path));
+  napi_set_named_property(env, record, "type", entry.directory ? texts.directory : texts.file);
+  napi_set_named_property(env, record, "mode", mode);
+  if (!entry.directory) {
+    const napi_value body = BufferCopy(env, entry.body.data.get(), entry.body.length);
+    napi_set_named_property(env, record, "body", body);
+  }
+  return record;
+}
+
+// Each native body goes as soon as its Buffer is made, so that the whole is never held twice.
+napi_value RecordArray(napi_env env, std::vector<CaptureEntry>* entries) {
+  const RecordTexts texts(env);
+  napi_value result = nullptr;
+  napi_create_array_with_length(env, entries->size(), &result);
+  uint32_t index = 0;
+  for (CaptureEntry& entry : *entries) {
+    napi_set_element(env, result, index++, Record(env, texts, entry));
+    entry.body = {};
+  }
+  return result;
+}
+
+}  // namespace
+
+napi_value Capture(napi_env env, napi_callback_info info) {
+  const CallArguments<2> call(env, info);
+  const Root* root = call.count == 2 ? GetRoot(env, call.values[0]) : nullptr;
+  std::vector<Segments> paths;
+  if (root == nullptr || !GetPaths(env, call.values[1], &paths)) return Throw(env, kOutOfRoot);
+  Captured captured;
+  for (const Segments& segments : paths) {
+    if (!CapturePath(env, *root, segments, &captured)) return nullptr;
+  }
+  return RecordArray(env, &captured.entries);
+}
+
+}  // namespace tarvek
