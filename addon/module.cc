@@ -39,14 +39,25 @@ constexpr napi_property_descriptor Export(const char* name) {
 constexpr std::array kExports{
     Export<OpenRoot>("open"),
     Export<OpenRoot>("openRoot"),
+    Export<OpenRelative>("openRelative"),
     Export<CloseRoot>("close"),
     Export<RootIdentity>("rootIdentity"),
     Export<Exists>("exists"),
+    Export<List>("list"),
     Export<Capture>("capture"),
+    Export<Snapshot>("snapshot"),
     Export<Read>("read"),
     Export<Write>("write"),
     Export<Create>("create"),
+    Export<Append>("append"),
+    Export<EnsureDirectory>("ensureDirectory"),
+    Export<EnsureRelativeSymlink>("ensureRelativeSymlink"),
+    Export<Remove>("remove"),
+    Export<RemoveIfEquals>("removeIfEquals"),
+    Export<Move>("move"),
+    Export<PublishVerified>("publishVerified"),
     Export<SetTestHook>("setTestHook"),
+    Export<ExchangeForTest>("exchangeForTest"),
 };
 
 napi_value Init(napi_env env, napi_value exports) {

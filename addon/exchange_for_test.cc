@@ -1,0 +1,48 @@
+// exchangeForTest: swaps two entries of a root's own directory in one step, so that a test can
+// stage the races that the other operations must notice. It makes none of their checks, fires no
+// hook and flushes nothing.
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+
+namespace tarvek {
+
+namespace {
+
+constexpr unsigned int kRenameExchange = 2;  // RENAME_EXCHANGE
+
+// Narrower than what a segment must be: a backslash passes, and so does a NUL, at which the system
+// then cuts the name. Tests use that to stage names that the other operations would refuse.
+bool GetEntryName(napi_env env, napi_value value, std::string* out) {
+  return GetString(env, value, out) && !out->empty() && *out != "." && *out != ".." &&
+         out->find('/') == std::string::npos;
+}
+
+}  // namespace
+
+napi_value ExchangeForTest(napi_env env, napi_callback_info info) {
+  const CallArguments<3> call(env, info);
+  const Root* root = call.count == 3 ? GetRoot(env, call.values[0]) : nullptr;
+  std::string a;
+  std::string b;
+  if (root == nullptr || !GetEntryName(env, call.values[1], &a) ||
+      !GetEntryName(env, call.values[2], &b)) {
+    return Throw(env, kOutOfRoot);
+  }
+  const int fd = root->fd.get();
+  // Through syscall, since libc has a wrapper only from 2.28 on and not on every system.
+  if (::syscall(SYS_renameat2, fd, a.c_str(), fd, b.c_str(), kRenameExchange) != 0) {
+    return FailErrno(env, errno);
+  }
+  return Undefined(env);
+}
+
+}  // namespace tarvek

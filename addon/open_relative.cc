@@ -1,0 +1,34 @@
+// openRelative: a directory below a root becomes a root of its own, independent of the first. The
+// walk is checked step by step as openRoot's is, and the handle is made the same way.
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/root.h"
+#include "confine/directory.h"
+
+namespace tarvek {
+
+namespace {
+
+constexpr Walk kRelativeWalk{.point = "relative-directory-open", .create = false};
+
+}  // namespace
+
+napi_value OpenRelative(napi_env env, napi_callback_info info) {
+  Root* root = nullptr;
+  Segments segments;
+  if (!Args(env, info, &root, &segments)) return nullptr;
+  Descriptor current(::dup(root->fd.get()));
+  if (!current.ok()) return FailErrno(env, errno);
+  std::vector<Identity> identities;
+  if (!WalkDirectories(env, kRelativeWalk, segments, &current, &identities, /*missing=*/nullptr)) {
+    return nullptr;
+  }
+  return RootHandleAt(env, root->fd.get(), segments, identities, current);
+}
+
+}  // namespace tarvek

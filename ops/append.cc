@@ -1,0 +1,128 @@
+// append: adds bytes to the end of a file, or makes it, if it has not shrunk below what the caller
+// knows of it. The file is extended in place with one write, then file and directory are flushed.
+//
+// A short write is flushed first and reported then, so that what is in the file is what the next
+// reader finds; nothing is rolled back, and a file made here stays.
+//
+// Left open on purpose: others may append at the same time (each write lands at the end of its
+// moment), and the size that was checked may have changed by the time of the write.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/hook.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/parent.h"
+#include "confine/transfer.h"
+
+namespace tarvek {
+
+namespace {
+
+constexpr int kOpenAttempts = 8;
+
+struct AppendCall {
+  Root* root = nullptr;
+  Segments segments;
+  int64_t expectedSize = 0;
+  int64_t minimumSize = 0;
+  Bytes body;
+};
+
+bool GetAppendCall(napi_env env, const CallArguments<5>& call, AppendCall* out) {
+  if (call.count != 5) return false;
+  out->root = GetRoot(env, call.values[0]);
+  return out->root != nullptr && GetSegments(env, call.values[1], &out->segments) &&
+         napi_get_value_int64(env, call.values[2], &out->expectedSize) == napi_ok &&
+         napi_get_value_int64(env, call.values[3], &out->minimumSize) == napi_ok &&
+         out->expectedSize >= 0 && out->minimumSize >= 0 && out->expectedSize >= out->minimumSize &&
+         GetBytes(env, call.values[4], &out->body);
+}
+
+// Another process that removes or replaces the file over and over can make the open miss it; such
+// misses are tried again a few times. Empty: errno says why.
+Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
+  Descriptor file;
+  for (int attempt = 0; attempt < kOpenAttempts && !file.ok(); ++attempt) {
+    file = Descriptor(::openat(
+        dirFd, leaf.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, kNewFileMode));
+    if (!file.ok() && errno != ENOENT && errno != EINTR) break;
+  }
+  return file;
+}
+
+// Whether the descriptor, the name and, where there was a file before, that file are all the same
+// regular file under its only name.
+bool IsTheFileNamed(const struct stat& opened, const struct stat& named,
+                    const struct stat& before) {
+  return S_ISREG(opened.st_mode) && opened.st_nlink == 1 && !S_ISLNK(named.st_mode) &&
+         named.st_nlink == 1 && SameIdentity(opened, named) &&
+         (before.st_mode == 0 || SameIdentity(before, opened));
+}
+
+// How much of the body to write: all of it, unless a test's callback asked for less by returning a
+// number. False: it returned one that is no count.
+bool LimitCount(napi_env env, napi_value asked, size_t* count) {
+  if (!IsType(env, asked, napi_number)) return true;
+  uint32_t limit = 0;
+  if (napi_get_value_uint32(env, asked, &limit) != napi_ok || limit == 0) return false;
+  *count = std::min<size_t>(*count, limit);
+  return true;
+}
+
+}  // namespace
+
+napi_value Append(napi_env env, napi_callback_info info) {
+  const CallArguments<5> arguments(env, info);
+  AppendCall call;
+  if (!GetAppendCall(env, arguments, &call)) return Throw(env, kStorageFailed);
+  Parent parent;
+  if (!OpenParent(env, *call.root, call.segments, /*create=*/true, &parent)) return nullptr;
+  if (!PreEffect(env, *call.root, parent, call.segments)) return nullptr;
+  const int dirFd = parent.fd.get();
+  const std::string& leaf = call.segments.back();
+  const auto index = static_cast<uint32_t>(call.segments.size() - 1);
+
+  struct stat before;
+  if (!SafeLeafStat(env, dirFd, leaf, &before, /*allowMissing=*/true)) return nullptr;
+  if (before.st_mode != 0 && !S_ISREG(before.st_mode)) return Throw(env, kOutOfRoot);
+
+  if (!Hook(env, "append-leaf-open", leaf, index)) return nullptr;
+  const Descriptor file = OpenForAppend(dirFd, leaf);
+  if (!file.ok()) return FailErrno(env, errno);
+  struct stat opened;
+  struct stat named;
+  if (::fstat(file.get(), &opened) != 0 ||
+      ::fstatat(dirFd, leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+    return FailErrno(env, errno);
+  }
+  if (!IsTheFileNamed(opened, named, before)) return Throw(env, kOutOfRoot);
+  if (opened.st_size < call.expectedSize || opened.st_size < call.minimumSize) {
+    return Throw(env, kChangedBeforeAppend);
+  }
+
+  size_t count = call.body.length;
+  napi_value asked = nullptr;
+  if (!Hook(env, "append-write", leaf, index, &asked)) return nullptr;
+  if (!LimitCount(env, asked, &count)) return Throw(env, kStorageFailed);
+  if (!StillHolds(env, arguments.values[4], call.body)) return Throw(env, kStorageFailed);
+  // One call, also for an empty body, and no second one for the rest.
+  const ssize_t written = WriteSome(file.get(), call.body.data, count);
+  if (written < 0) return FailErrno(env, errno);
+
+  if (!Hook(env, "append-data-fsync", leaf, index)) return nullptr;
+  if (::fsync(file.get()) != 0) return FailErrno(env, errno);
+  if (!Hook(env, "append-directory-fsync", leaf, index)) return nullptr;
+  if (::fsync(dirFd) != 0) return FailErrno(env, errno);
+  if (static_cast<size_t>(written) != call.body.length) return Throw(env, kStorageFailed);
+  return Undefined(env);
+}
+
+}  // namespace tarvek

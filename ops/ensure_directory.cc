@@ -1,0 +1,40 @@
+// ensureDirectory: a directory is there when it returns, with every directory above it. One that
+// exists is taken as it is, and nothing is flushed for it.
+//
+// Left open on purpose: a directory that somebody else makes between the look and the mkdir is a
+// failure and not a success. The caller may ask again; a second look here would hide the race.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+napi_value EnsureDirectory(napi_env env, napi_callback_info info) {
+  Root* root = nullptr;
+  Segments segments;
+  if (!Args(env, info, &root, &segments)) return nullptr;
+  Parent parent;
+  if (!OpenParent(env, *root, segments, /*create=*/true, &parent)) return nullptr;
+  if (!PreEffect(env, *root, parent, segments)) return nullptr;
+  const char* leaf = segments.back().c_str();
+
+  struct stat status;
+  if (::fstatat(parent.fd.get(), leaf, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    return S_ISDIR(status.st_mode) ? Undefined(env) : Throw(env, kOutOfRoot);
+  }
+  if (errno != ENOENT) return FailErrno(env, errno);
+  if (::mkdirat(parent.fd.get(), leaf, kNewDirectoryMode) != 0) return FailErrno(env, errno);
+  if (::fsync(parent.fd.get()) != 0) return FailErrno(env, errno);
+  return Undefined(env);
+}
+
+}  // namespace tarvek

@@ -1,0 +1,87 @@
+// ensureRelativeSymlink: a symbolic link at one place that points, by a relative text, at an
+// existing directory. A link with exactly this text is success without a change, also when another
+// process made it a moment ago; anything else at its place is a conflict and is never replaced.
+//
+// The target is examined first and once, so a missing target leaves no directories behind. The text
+// is built from the two paths alone: it climbs from the link to the root and goes down from there,
+// and no common beginning is cut off, so that equal arguments give equal texts for ever.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+namespace {
+
+std::string LinkText(const Segments& link, const Segments& target) {
+  std::string text;
+  for (size_t level = 1; level < link.size(); ++level) text += "../";
+  return text + JoinSegments(target);
+}
+
+bool ExactSymlink(int dirFd, const std::string& name, const std::string& text) {
+  // One byte more than wanted, so that a longer link is told from an equal one.
+  std::string found(text.size() + 1, '\0');
+  const ssize_t length = ::readlinkat(dirFd, name.c_str(), found.data(), found.size());
+  if (length < 0 || static_cast<size_t>(length) != text.size()) return false;
+  found.resize(text.size());
+  return found == text;
+}
+
+bool TargetIsDirectory(napi_env env, const Root& root, const Segments& target) {
+  Parent parent;
+  struct stat status;
+  if (!OpenParent(env, root, target, /*create=*/false, &parent) ||
+      !PreEffect(env, root, parent, target) ||
+      !SafeLeafStat(env, parent.fd.get(), target.back(), &status, /*allowMissing=*/false)) {
+    return false;
+  }
+  return S_ISDIR(status.st_mode) || Refuse(env, kOutOfRoot);
+}
+
+}  // namespace
+
+napi_value EnsureRelativeSymlink(napi_env env, napi_callback_info info) {
+  const CallArguments<3> call(env, info);
+  const Root* root = call.count == 3 ? GetRoot(env, call.values[0]) : nullptr;
+  Segments link;
+  Segments target;
+  if (root == nullptr || !GetSegments(env, call.values[1], &link) ||
+      !GetSegments(env, call.values[2], &target)) {
+    return Throw(env, kOutOfRoot);
+  }
+  if (!TargetIsDirectory(env, *root, target)) return nullptr;
+  const std::string text = LinkText(link, target);
+
+  Parent parent;
+  if (!OpenParent(env, *root, link, /*create=*/true, &parent)) return nullptr;
+  if (!PreEffect(env, *root, parent, link)) return nullptr;
+  const int dirFd = parent.fd.get();
+  const std::string& leaf = link.back();
+
+  struct stat status;
+  if (::fstatat(dirFd, leaf.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    const bool same = S_ISLNK(status.st_mode) && ExactSymlink(dirFd, leaf, text);
+    return same ? Boolean(env, false) : Throw(env, kLinkPlaceTaken);
+  }
+  if (errno != ENOENT) return FailErrno(env, errno);
+  if (!ChainHolds(*root, parent)) return Throw(env, kOutOfRoot);
+
+  if (::symlinkat(text.c_str(), dirFd, leaf.c_str()) != 0) {
+    if (errno != EEXIST) return FailErrno(env, errno);
+    return ExactSymlink(dirFd, leaf, text) ? Boolean(env, false) : Throw(env, kLinkPlaceTaken);
+  }
+  if (::fsync(dirFd) != 0) return FailErrno(env, errno);
+  return Boolean(env, true);
+}
+
+}  // namespace tarvek

@@ -1,0 +1,40 @@
+// list: the names in one directory, sorted by their bytes. Every entry counts, whatever its type,
+// temporary files left by a crash included. Names that come or go while the directory is read may
+// or may not be there; that the directory itself is the one named is checked.
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/directory.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+namespace {
+
+napi_value NameArray(napi_env env, const Names& names) {
+  napi_value result = nullptr;
+  napi_create_array_with_length(env, names.sorted.size(), &result);
+  uint32_t index = 0;
+  for (const char* name : names.sorted) napi_set_element(env, result, index++, String(env, name));
+  return result;
+}
+
+}  // namespace
+
+napi_value List(napi_env env, napi_callback_info info) {
+  Root* root = nullptr;
+  Segments segments;
+  if (!Args(env, info, &root, &segments)) return nullptr;
+  Parent parent;
+  if (!OpenParent(env, *root, segments, /*create=*/false, &parent)) return nullptr;
+  if (!PreEffect(env, *root, parent, segments)) return nullptr;
+  Descriptor directory;
+  if (!OpenListed(env, parent.fd.get(), segments.back(), &directory)) return nullptr;
+  Names names;
+  if (!ReadNames(env, directory.get(), &names)) return nullptr;
+  return NameArray(env, names);
+}
+
+}  // namespace tarvek

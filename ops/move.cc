@@ -1,0 +1,51 @@
+// move: renames an entry from one place beneath a root to another, making the destination's missing
+// directories, and flushes both directories. A destination that exists is refused.
+//
+// Left open on purpose: the rename is the ordinary one, so an entry that appears at the destination
+// after the look is replaced where rename can replace it. Directories made for the destination stay
+// when the move then fails.
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+napi_value Move(napi_env env, napi_callback_info info) {
+  const CallArguments<3> call(env, info);
+  const Root* root = call.count == 3 ? GetRoot(env, call.values[0]) : nullptr;
+  Segments from;
+  Segments to;
+  if (root == nullptr || !GetSegments(env, call.values[1], &from) ||
+      !GetSegments(env, call.values[2], &to)) {
+    return Throw(env, kOutOfRoot);
+  }
+  Parent source;
+  Parent destination;
+  if (!OpenBothParents(env, *root, from, to, &source, &destination)) return nullptr;
+
+  struct stat leaf;
+  if (!SafeLeafStat(env, source.fd.get(), from.back(), &leaf, /*allowMissing=*/false)) {
+    return nullptr;
+  }
+  if (!SafeLeafStat(env, destination.fd.get(), to.back(), &leaf, /*allowMissing=*/true)) {
+    return nullptr;
+  }
+  if (leaf.st_mode != 0) return Throw(env, kAlreadyExists);
+
+  if (::renameat(source.fd.get(), from.back().c_str(), destination.fd.get(), to.back().c_str()) !=
+          0 ||
+      !FlushBothParents(source, destination)) {
+    return FailErrno(env, errno);
+  }
+  return Undefined(env);
+}
+
+}  // namespace tarvek

@@ -1,0 +1,118 @@
+// publishVerified: gives a candidate its final name, but only if it still is exactly what the
+// caller verified: the file behind the caller's read-only descriptor, under its one name, with the
+// expected bytes. The new name is a hard link, which never replaces anything, and then the old name
+// goes.
+//
+// In between the file has two names. A failure there takes the new one back, so that the outcome is
+// nothing changed or published; only a crash leaves both. The caller's descriptor is borrowed: it
+// is not closed, and its offset is not moved.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/hook.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+namespace {
+
+struct PublishCall {
+  Root* root = nullptr;
+  int32_t candidateFd = -1;
+  Segments candidate;
+  Segments destination;
+  Bytes expected;
+};
+
+bool GetPublishCall(napi_env env, const CallArguments<5>& call, PublishCall* out) {
+  if (call.count != 5) return false;
+  out->root = GetRoot(env, call.values[0]);
+  return out->root != nullptr &&
+         napi_get_value_int32(env, call.values[1], &out->candidateFd) == napi_ok &&
+         out->candidateFd >= 0 && GetSegments(env, call.values[2], &out->candidate) &&
+         GetSegments(env, call.values[3], &out->destination) &&
+         GetBytes(env, call.values[4], &out->expected);
+}
+
+bool IsSoleFile(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_nlink == 1;
+}
+
+// Whether the descriptor and the name still are the one file with the expected bytes, before the
+// bytes are compared and after. `verified` is what the file was at the end.
+bool CandidateVerified(int fd, int dirFd, const char* name, const Bytes& expected,
+                       struct stat* verified) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags == -1) return false;
+  struct stat opened;
+  struct stat named;
+  if (::fstat(fd, &opened) != 0) return false;
+  if (::fstatat(dirFd, name, &named, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  // A descriptor that can write could change the bytes after they were compared.
+  if ((flags & O_ACCMODE) != O_RDONLY) return false;
+  if (!IsSoleFile(opened) || !IsSoleFile(named) || !SameIdentity(opened, named)) return false;
+  if (opened.st_size < 0 || static_cast<uint64_t>(opened.st_size) != expected.length) return false;
+  if (!ReadExactAt(fd, expected)) return false;
+  if (::fstat(fd, verified) != 0 || !SameStableMetadata(opened, *verified)) return false;
+  if (::fstatat(dirFd, name, &named, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return IsSoleFile(named) && SameStableMetadata(*verified, named);
+}
+
+bool NamesFile(int dirFd, const char* name, const struct stat& file) {
+  struct stat named;
+  return ::fstatat(dirFd, name, &named, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(named.st_mode) &&
+         SameIdentity(named, file);
+}
+
+}  // namespace
+
+napi_value PublishVerified(napi_env env, napi_callback_info info) {
+  const CallArguments<5> arguments(env, info);
+  PublishCall call;
+  if (!GetPublishCall(env, arguments, &call)) return Throw(env, kOutOfRoot);
+  Parent source;
+  Parent destination;
+  if (!OpenBothParents(env, *call.root, call.candidate, call.destination, &source, &destination)) {
+    return nullptr;
+  }
+  const char* from = call.candidate.back().c_str();
+  const char* to = call.destination.back().c_str();
+
+  // Index 0 at whatever depth the candidate lies; tests of host applications rely on it.
+  if (!Hook(env, "publish-before-validation", from, 0)) return nullptr;
+  if (!ChainHolds(*call.root, source) || !ChainHolds(*call.root, destination)) {
+    return Throw(env, kOutOfRoot);
+  }
+  if (!StillHolds(env, arguments.values[4], call.expected)) return Throw(env, kStorageFailed);
+  struct stat verified;
+  if (!CandidateVerified(call.candidateFd, source.fd.get(), from, call.expected, &verified)) {
+    return Throw(env, kCandidateChanged);
+  }
+
+  if (::linkat(source.fd.get(), from, destination.fd.get(), to, 0) != 0) {
+    return errno == EEXIST ? Throw(env, kAlreadyExists) : FailErrno(env, errno);
+  }
+  if (!NamesFile(destination.fd.get(), to, verified)) {
+    // Whatever has the name now goes, even if it is not the candidate: what was about to be
+    // published under it is not verified.
+    (void)::unlinkat(destination.fd.get(), to, 0);
+    return Throw(env, kStorageFailed);
+  }
+  if (::unlinkat(source.fd.get(), from, 0) != 0) {
+    const int unlinkError = errno;
+    (void)::unlinkat(destination.fd.get(), to, 0);
+    return FailErrno(env, unlinkError);
+  }
+  if (!FlushBothParents(source, destination)) return FailErrno(env, errno);
+  return Undefined(env);
+}
+
+}  // namespace tarvek

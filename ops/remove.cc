@@ -1,0 +1,98 @@
+// remove: deletes a file, or a directory and everything below it. Symbolic links and hard-linked
+// files are refused wherever they stand, so that nothing is deleted that another place could miss.
+//
+// A directory is emptied in the order in which its stream yields the names, flushed, and removed;
+// the parent of the whole is flushed at the end. What was deleted before a refusal stays deleted.
+//
+// Left open on purpose: entries below the top are not compared with an earlier look. Each directory
+// is opened without following links, and that is what keeps the descent inside.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/directory.h"
+#include "confine/levels.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+namespace {
+
+// A directory being emptied. Its name stays valid for as long as the level lives: it is the leaf,
+// or lies in the stream of the level above, which is not read on until this one is gone.
+struct EmptyingLevel {
+  int holderFd;
+  const char* name;
+  Descriptor directory;
+  DirectoryStream stream;
+};
+
+bool EnterDirectory(napi_env env, int dirFd, const char* name, Levels<EmptyingLevel>* levels) {
+  Descriptor directory = OpenDirectoryAt(dirFd, name);
+  if (!directory.ok()) return RefuseErrno(env, errno);
+  DirectoryStream stream = OpenStream(directory.get());
+  if (stream == nullptr) return RefuseErrno(env, errno);
+  levels->Push({dirFd, name, std::move(directory), std::move(stream)});
+  return true;
+}
+
+// Unlinks the entry, or enters it as a new level if it is a directory.
+bool UnlinkOrEnter(napi_env env, int dirFd, const char* name, Levels<EmptyingLevel>* levels) {
+  struct stat status;
+  if (::fstatat(dirFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
+  const bool linked = S_ISREG(status.st_mode) && status.st_nlink > 1;
+  if (S_ISLNK(status.st_mode) || linked) return Refuse(env, kOutOfRoot);
+  if (S_ISDIR(status.st_mode)) return EnterDirectory(env, dirFd, name, levels);
+  if (::unlinkat(dirFd, name, 0) != 0) return RefuseErrno(env, errno);
+  return true;
+}
+
+// At the end of the level's stream, with its errno.
+bool RemoveEmptied(napi_env env, EmptyingLevel* level) {
+  const int readError = errno;
+  level->stream.reset();
+  if (readError != 0) return RefuseErrno(env, readError);
+  if (::fsync(level->directory.get()) != 0 ||
+      ::unlinkat(level->holderFd, level->name, AT_REMOVEDIR) != 0) {
+    return RefuseErrno(env, errno);
+  }
+  return true;
+}
+
+bool RemoveEntry(napi_env env, int dirFd, const char* name) {
+  Levels<EmptyingLevel> levels;
+  if (!UnlinkOrEnter(env, dirFd, name, &levels)) return false;
+  while (!levels.Empty()) {
+    EmptyingLevel& level = levels.Top();
+    if (const char* child = NextName(level.stream.get())) {
+      if (!UnlinkOrEnter(env, level.directory.get(), child, &levels)) return false;
+    } else {
+      if (!RemoveEmptied(env, &level)) return false;
+      levels.Pop();
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+napi_value Remove(napi_env env, napi_callback_info info) {
+  Root* root = nullptr;
+  Segments segments;
+  if (!Args(env, info, &root, &segments)) return nullptr;
+  Parent parent;
+  if (!OpenParent(env, *root, segments, /*create=*/false, &parent)) return nullptr;
+  if (!PreEffect(env, *root, parent, segments)) return nullptr;
+  if (!RemoveEntry(env, parent.fd.get(), segments.back().c_str())) return nullptr;
+  if (::fsync(parent.fd.get()) != 0) return FailErrno(env, errno);
+  return Undefined(env);
+}
+
+}  // namespace tarvek

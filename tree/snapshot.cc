@@ -1,0 +1,136 @@
+// snapshot: every regular file beneath one directory, as an object that maps its path below that
+// directory to its bytes. The object has no prototype, so a file named like a member of one is an
+// ordinary key.
+//
+// This is capture's lighter sibling. Directories show only in the paths of their files; each entry
+// opened is proved to be the one that was looked at, and links, files with more than one name and
+// special files are refused.
+//
+// Left open on purpose: change while it reads is not noticed. A file may be returned with part old
+// and part new bytes, and one that is renamed across the walk may be missing or stand under two
+// keys.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+
+#include "addon/error.h"
+#include "addon/operations.h"
+#include "addon/results.h"
+#include "addon/root.h"
+#include "confine/body.h"
+#include "confine/directory.h"
+#include "confine/levels.h"
+#include "confine/parent.h"
+
+namespace tarvek {
+
+namespace {
+
+// A directory whose files are being read.
+struct SnapshotLevel {
+  Descriptor owned;  // empty for the topmost directory, which the caller holds
+  int directory;
+  Names names;
+  size_t prefixLength;  // of the key, up to and with the directory's own "/"
+  size_t next = 0;      // the first of `names` still to do
+};
+
+bool IsStill(int fd, const struct stat& named, struct stat* opened) {
+  return ::fstat(fd, opened) == 0 && SameIdentity(*opened, named);
+}
+
+bool AddFile(napi_env env, int dirFd, const char* name, const std::string& key,
+             const struct stat& named, napi_value target) {
+  const Descriptor file(::openat(dirFd, name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  if (!file.ok()) return RefuseErrno(env, errno);
+  struct stat opened;
+  if (!IsStill(file.get(), named, &opened)) return Refuse(env, kOutOfRoot);
+  Body body;
+  if (!ReadBody(env, file.get(), opened.st_size, &body)) return false;
+  const napi_value bytes = BufferCopy(env, body.data.get(), body.length);
+  napi_set_named_property(env, target, key.c_str(), bytes);
+  return true;
+}
+
+bool EnterDirectory(napi_env env, int dirFd, const char* name, const struct stat& named,
+                    std::string* key, Levels<SnapshotLevel>* levels) {
+  Descriptor directory = OpenDirectoryAt(dirFd, name);
+  if (!directory.ok()) return RefuseErrno(env, errno);
+  struct stat opened;
+  if (!IsStill(directory.get(), named, &opened)) return Refuse(env, kOutOfRoot);
+  Names names;
+  if (!ReadNames(env, directory.get(), &names)) return false;
+  *key += '/';
+  const int fd = directory.get();
+  levels->Push({std::move(directory), fd, std::move(names), key->size()});
+  return true;
+}
+
+bool AddOrEnter(napi_env env, int dirFd, const char* name, std::string* key, napi_value target,
+                Levels<SnapshotLevel>* levels) {
+  struct stat named;
+  if (::fstatat(dirFd, name, &named, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
+  // A file without any link passes here, as it does not in capture.
+  if (S_ISREG(named.st_mode) && named.st_nlink <= 1) {
+    return AddFile(env, dirFd, name, *key, named, target);
+  }
+  if (S_ISDIR(named.st_mode)) return EnterDirectory(env, dirFd, name, named, key, levels);
+  return Refuse(env, kOutOfRoot);
+}
+
+// Adds the files of a directory and of everything beneath it to `target`. False: it has thrown.
+bool SnapshotDirectory(napi_env env, int dirFd, napi_value target) {
+  Names names;
+  if (!ReadNames(env, dirFd, &names)) return false;
+  Levels<SnapshotLevel> levels;
+  levels.Push({Descriptor(), dirFd, std::move(names), 0});
+  std::string key;
+  while (!levels.Empty()) {
+    SnapshotLevel& level = levels.Top();
+    if (level.next == level.names.sorted.size()) {
+      levels.Pop();
+      continue;
+    }
+    const char* child = level.names.sorted[level.next++];
+    key.resize(level.prefixLength);
+    key += child;
+    if (!AddOrEnter(env, level.directory, child, &key, target, &levels)) return false;
+  }
+  return true;
+}
+
+// Through the global Object.create as the program has it now. Null when the call failed: whatever
+// it threw is pending, and nothing is added to that.
+napi_value CreateResult(napi_env env) {
+  napi_value global = nullptr;
+  napi_value object = nullptr;
+  napi_value create = nullptr;
+  napi_value null = nullptr;
+  napi_value result = nullptr;
+  napi_get_global(env, &global);
+  napi_get_named_property(env, global, "Object", &object);
+  napi_get_named_property(env, object, "create", &create);
+  napi_get_null(env, &null);
+  return napi_call_function(env, object, create, 1, &null, &result) == napi_ok ? result : nullptr;
+}
+
+}  // namespace
+
+napi_value Snapshot(napi_env env, napi_callback_info info) {
+  Root* root = nullptr;
+  Segments segments;
+  if (!Args(env, info, &root, &segments)) return nullptr;
+  Parent parent;
+  if (!OpenParent(env, *root, segments, /*create=*/false, &parent)) return nullptr;
+  if (!PreEffect(env, *root, parent, segments)) return nullptr;
+  Descriptor directory;
+  if (!OpenListed(env, parent.fd.get(), segments.back(), &directory)) return nullptr;
+  const napi_value result = CreateResult(env);
+  if (result == nullptr) return nullptr;
+  return SnapshotDirectory(env, directory.get(), result) ? result : nullptr;
+}
+
+}  // namespace tarvek
