@@ -1,0 +1,99 @@
+'use strict';
+
+// A journal for one writer: entries are appended to one file, each of them flushed, and survive a
+// crash at any moment.
+//
+// Each line is a checksum and an entry as JSON. A crash in the middle of an append can leave a torn
+// tail; opening the journal cuts it off, in one step, before anything is written behind it.
+
+const { createHash } = require('node:crypto');
+const tarvek = require('tarvek');
+
+const CHECKSUM_LENGTH = 16;
+
+function toLine(text) {
+  const checksum = createHash('sha256').update(text).digest('hex').slice(0, CHECKSUM_LENGTH);
+  return `${checksum} ${text}`;
+}
+
+// Undefined for a line that is not whole.
+function fromLine(line) {
+  const text = line.slice(CHECKSUM_LENGTH + 1);
+  return line === toLine(text) ? JSON.parse(text) : undefined;
+}
+
+// The entries, and how many bytes they take. What follows them is the torn tail.
+function parse(bytes) {
+  const entries = [];
+  let size = 0;
+  let start = 0;
+  for (let end = bytes.indexOf('\n'); end !== -1; end = bytes.indexOf('\n', start)) {
+    const entry = fromLine(bytes.toString('utf8', start, end));
+    const isBehindTorn = start !== size;
+    start = end + 1;
+    if (entry === undefined) continue;
+    // An append never goes behind a torn line: this is other damage, and not for us to cut away.
+    if (isBehindTorn) throw new Error('the journal is damaged before its end');
+    entries.push(entry);
+    size = start;
+  }
+  return { entries, size };
+}
+
+function openJournal(root, file) {
+  const bytes = tarvek.exists(root, file) ? tarvek.read(root, file) : Buffer.alloc(0);
+  const { entries, size } = parse(bytes);
+  if (size < bytes.length) tarvek.write(root, file, bytes.subarray(0, size));
+
+  let known = size;
+
+  // Throws OPTIMISTIC_CONFLICT when the file has lost entries that this journal knows of.
+  function append(entry) {
+    if (known === undefined) throw new Error('an append failed: open the journal again');
+    const line = Buffer.from(`${toLine(JSON.stringify(entry))}\n`);
+    const start = known;
+    // Until the append returns, what the file ends with is not known: a line behind a torn one
+    // would be lost with it.
+    known = undefined;
+    tarvek.append(root, file, start, start, line);
+    known = start + line.length;
+  }
+
+  return { entries, append };
+}
+
+module.exports = { openJournal };
+
+if (require.main === module) {
+  const fs = require('node:fs');
+  const os = require('node:os');
+  const path = require('node:path');
+
+  const directory = fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-journal-')));
+  const root = tarvek.openRoot(directory);
+  const file = ['books', 'cash.journal'];
+  const onDisk = path.join(directory, ...file);
+  try {
+    const journal = openJournal(root, file);
+    for (const amount of [5, -2, 8]) journal.append({ amount });
+    console.log(
+      'written:  ',
+      fs.readFileSync(onDisk, 'utf8').trimEnd().split('\n').length,
+      'entries',
+    );
+
+    fs.appendFileSync(onDisk, toLine('{"amount":100}').slice(0, 20));
+    const reopened = openJournal(root, file);
+    console.log('recovered:', JSON.stringify(reopened.entries), 'after a torn fourth one');
+
+    fs.truncateSync(onDisk, 10);
+    try {
+      reopened.append({ amount: 1 });
+    } catch (error) {
+      console.log('cut short:', error.code);
+    }
+  } finally {
+    tarvek.close(root);
+    fs.rmSync(directory, { recursive: true });
+  }
+}

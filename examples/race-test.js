@@ -1,0 +1,118 @@
+'use strict';
+
+// How to test that an application holds its ground while others change the disk under it.
+//
+// The test hook is called at named moments inside tarvek's functions, and a stage callback at those
+// of one write. The first test makes a run to learn the moments, then one run for each of them with
+// the attack at exactly that moment; the second one fails a write at every stage.
+
+const assert = require('node:assert/strict');
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
+const test = require('node:test');
+const tarvek = require('tarvek');
+
+// The application under test. Stages are only asked for by tests: an argument that is there must be
+// a function.
+function saveNote(root, author, text, ...onStage) {
+  tarvek.write(root, ['notes', author, 'latest.txt'], Buffer.from(text), ...onStage);
+}
+
+// A root with one note in it, and a directory outside with a file of the same name.
+function makePlace() {
+  const base = fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-race-')));
+  const outside = path.join(base, 'outside');
+  const notes = path.join(base, 'root', 'notes', 'ann');
+  for (const directory of [outside, notes]) {
+    fs.mkdirSync(directory, { recursive: true });
+    fs.writeFileSync(path.join(directory, 'latest.txt'), 'old');
+  }
+  const root = tarvek.openRoot(path.join(base, 'root'));
+  const remove = () => {
+    tarvek.close(root);
+    fs.rmSync(base, { recursive: true });
+  };
+  return { root, outside, notes, remove };
+}
+
+// From here on the note is in place, and an attack comes too late to be refused.
+const inPlaceAt = (moment) => ['after-file-rename', 'after-directory-sync'].includes(moment);
+
+const contents = (directory) =>
+  fs.readdirSync(directory).map((name) => fs.readFileSync(path.join(directory, name), 'utf8'));
+
+// Saves a note and calls `at(moment)` at every moment of it; a moment is a point or a stage. Tells
+// the code of a refusal.
+function saveObserved(root, at) {
+  tarvek.setTestHook(({ point, segment }) => at(`${point} ${segment}`));
+  try {
+    saveNote(root, 'ann', 'new', at);
+    return undefined;
+  } catch (error) {
+    if (!error.code) throw error;
+    return error.code;
+  } finally {
+    tarvek.setTestHook();
+  }
+}
+
+function momentsOfSave() {
+  const { root, remove } = makePlace();
+  const moments = [];
+  saveObserved(root, (moment) => moments.push(moment));
+  remove();
+  return moments;
+}
+
+function attackAt(attacked) {
+  const { root, outside, notes, remove } = makePlace();
+  try {
+    const code = saveObserved(root, (moment) => {
+      if (moment !== attacked) return;
+      fs.renameSync(notes, `${notes}-moved`);
+      fs.symlinkSync(outside, notes);
+    });
+    assert.deepEqual(contents(outside), ['old'], 'nothing outside was touched');
+    const expected = inPlaceAt(attacked) ? [undefined, ['new']] : ['PATH_OUT_OF_ROOT', ['old']];
+    assert.deepEqual([code, contents(`${notes}-moved`)], expected);
+  } finally {
+    remove();
+  }
+}
+
+function failAt(stage) {
+  const { root, notes, remove } = makePlace();
+  const failure = new Error(`fails at ${stage}`);
+  const throwThere = (now) => {
+    if (now === stage) throw failure;
+  };
+  try {
+    assert.throws(
+      () => saveNote(root, 'ann', 'new', throwThere),
+      (error) => error === failure,
+    );
+    const expected = inPlaceAt(stage) ? 'new' : 'old';
+    assert.deepEqual(contents(notes), [expected], 'one whole note and nothing beside it');
+  } finally {
+    remove();
+  }
+}
+
+function raceTests() {
+  test('a note stays inside, whenever its directory is swapped for a link', async (t) => {
+    const moments = momentsOfSave();
+    assert.equal(moments.length, 8, moments.join());
+    for (const moment of moments) await t.test(moment, () => attackAt(moment));
+  });
+
+  test('a save that fails leaves the old note or the new one', async (t) => {
+    const stages = momentsOfSave().filter((moment) => /^(after|before)-/.test(moment));
+    assert.equal(stages.length, 5, stages.join());
+    for (const stage of stages) await t.test(stage, () => failAt(stage));
+  });
+}
+
+module.exports = { raceTests };
+
+if (require.main === module) raceTests();

@@ -1,0 +1,4 @@
+import tarvek from './index.js';
+
+export * from './index.js';
+export default tarvek;
