@@ -55,6 +55,11 @@ bool StillHolds(napi_env env, napi_value value, const Bytes& bytes);
 // On refusal `out` holds the elements accepted so far; discard it.
 bool GetSegments(napi_env env, napi_value value, Segments* out);
 
+// The leaf's place in its path, as hook points tell it.
+inline uint32_t LeafIndex(const Segments& segments) {
+  return static_cast<uint32_t>(segments.size() - 1);
+}
+
 // The segments with "/" between them.
 std::string JoinSegments(std::span<const std::string> segments);
 

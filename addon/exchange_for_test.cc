@@ -2,11 +2,12 @@
 // stage the races that the other operations must notice. It makes none of their checks, fires no
 // hook and flushes nothing.
 
-#include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 #include "addon/error.h"
 #include "addon/operations.h"
@@ -16,8 +17,6 @@
 namespace tarvek {
 
 namespace {
-
-constexpr unsigned int kRenameExchange = 2;  // RENAME_EXCHANGE
 
 // Narrower than what a segment must be: a backslash passes, and so does a NUL, at which the system
 // then cuts the name. Tests use that to stage names that the other operations would refuse.
@@ -37,9 +36,10 @@ napi_value ExchangeForTest(napi_env env, napi_callback_info info) {
       !GetEntryName(env, call.values[2], &b)) {
     return Throw(env, kOutOfRoot);
   }
-  const int fd = root->fd.get();
-  // Through syscall, since libc has a wrapper only from 2.28 on and not on every system.
-  if (::syscall(SYS_renameat2, fd, a.c_str(), fd, b.c_str(), kRenameExchange) != 0) {
+  const int fd = root->fd.Get();
+  // Through syscall: not every libc has a wrapper.
+  if (::syscall(SYS_renameat2, fd, a.c_str(), fd, b.c_str(),
+                static_cast<unsigned int>(RENAME_EXCHANGE)) != 0) {
     return FailErrno(env, errno);
   }
   return Undefined(env);

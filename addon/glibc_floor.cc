@@ -13,7 +13,8 @@
 
 #include <new>
 
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 33)
+#if defined(__GLIBC__)
+#if __GLIBC_PREREQ(2, 33)
 
 extern "C" {
 
@@ -37,6 +38,7 @@ __attribute__((visibility("hidden"))) int fstatat(int fd, const char* file, stru
 
 }  // extern "C"
 
+#endif
 #endif
 
 #if defined(__GLIBCXX__)

@@ -2,9 +2,8 @@
 // moments inside the operations so that they can make a hostile change exactly there.
 //
 // The callback runs in the middle of an operation and may do anything: change the disk, close the
-// handle in use, call the module again, install another hook. An operation must therefore hold
-// nothing across a hook point that such a call could invalidate, and checks afterwards what it
-// relies on.
+// handle in use, call the module again, install another hook. Whatever an operation
+// found before a hook point, a Buffer's memory included, it looks at again before it relies on it.
 #pragma once
 
 #include <node_api.h>

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <vector>
 
 #include "addon/error.h"
 #include "addon/operations.h"
@@ -19,16 +20,16 @@ constexpr Walk kRelativeWalk{.point = "relative-directory-open", .create = false
 }  // namespace
 
 napi_value OpenRelative(napi_env env, napi_callback_info info) {
-  Root* root = nullptr;
+  const Root* root = nullptr;
   Segments segments;
   if (!Args(env, info, &root, &segments)) return nullptr;
-  Descriptor current(::dup(root->fd.get()));
-  if (!current.ok()) return FailErrno(env, errno);
+  Descriptor current(::dup(root->fd.Get()));
+  if (!current.IsOpen()) return FailErrno(env, errno);
   std::vector<Identity> identities;
   if (!WalkDirectories(env, kRelativeWalk, segments, &current, &identities, /*missing=*/nullptr)) {
     return nullptr;
   }
-  return RootHandleAt(env, root->fd.get(), segments, identities, current);
+  return RootHandleAt(env, root->fd.Get(), segments, identities, current);
 }
 
 }  // namespace tarvek

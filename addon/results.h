@@ -1,11 +1,11 @@
-// Plain records out: the few JavaScript values that operations return. Statuses are not checked; a
-// call that fails leaves its result null, which Node-API takes for `undefined`, and an exception
-// that the runtime raised itself (a Buffer larger than it allows) reaches the caller as it is.
+// Plain records out: the few JavaScript values that operations return. Statuses are not checked. A
+// call that fails leaves its result null: returned from an operation that is `undefined`, and
+// Node-API refuses to set it as an element or a property. An exception that the runtime raised
+// itself reaches the caller as it is.
 #pragma once
 
 #include <node_api.h>
 
-#include <cstddef>
 #include <string_view>
 
 namespace tarvek {
@@ -26,12 +26,6 @@ inline napi_value Boolean(napi_env env, bool value) {
 inline napi_value String(napi_env env, std::string_view text) {
   napi_value result = nullptr;
   napi_create_string_utf8(env, text.data(), text.size(), &result);
-  return result;
-}
-
-inline napi_value BufferCopy(napi_env env, const void* data, size_t length) {
-  napi_value result = nullptr;
-  napi_create_buffer_copy(env, length, data, nullptr, &result);
   return result;
 }
 

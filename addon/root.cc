@@ -8,10 +8,15 @@
 #include "addon/root.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "addon/error.h"
 #include "addon/hook.h"
@@ -30,12 +35,12 @@ Descriptor OpenFileSystemRoot() {
 }
 
 bool IsAbsolutePath(std::string_view path) {
-  return path.starts_with('/') && !path.ends_with('/') && path.find("//") == path.npos &&
-         path.find('\0') == path.npos;
+  return path.starts_with('/') && !path.ends_with('/') &&
+         path.find("//") == std::string_view::npos && path.find('\0') == std::string_view::npos;
 }
 
 bool IsComponent(std::string_view name) {
-  return name != "." && name != ".." && name.find('\\') == name.npos;
+  return name != "." && name != ".." && name.find('\\') == std::string_view::npos;
 }
 
 // Of a path that begins with "/" and holds no empty component.
@@ -68,23 +73,7 @@ napi_value BigInt(napi_env env, uint64_t value) {
   return result;
 }
 
-}  // namespace
-
-Root* GetRoot(napi_env env, napi_value value) {
-  Root* root = RootBehind(env, value);
-  return root != nullptr && root->fd.ok() ? root : nullptr;
-}
-
-bool Args(napi_env env, napi_callback_info info, Root** root, Segments* segments) {
-  const CallArguments<2> call(env, info);
-  if (call.count != 2 || !GetSegments(env, call.values[1], segments)) {
-    return Refuse(env, kOutOfRoot);
-  }
-  *root = GetRoot(env, call.values[0]);
-  if (*root == nullptr) return Refuse(env, kHandleClosed);
-  return true;
-}
-
+// Takes the record over and returns its handle, or null after it has failed and let go of it.
 napi_value RootExternal(napi_env env, std::unique_ptr<Root> root) {
   if (!Hook(env, "external-create", "", 0)) return nullptr;
   napi_value handle = nullptr;
@@ -97,17 +86,34 @@ napi_value RootExternal(napi_env env, std::unique_ptr<Root> root) {
   return handle;
 }
 
+}  // namespace
+
+const Root* GetRoot(napi_env env, napi_value value) {
+  const Root* root = RootBehind(env, value);
+  return root != nullptr && root->fd.IsOpen() ? root : nullptr;
+}
+
+bool Args(napi_env env, napi_callback_info info, const Root** root, Segments* segments) {
+  const CallArguments<2> call(env, info);
+  if (call.count != 2 || !GetSegments(env, call.values[1], segments)) {
+    return Refuse(env, kOutOfRoot);
+  }
+  *root = GetRoot(env, call.values[0]);
+  if (*root == nullptr) return Refuse(env, kHandleClosed);
+  return true;
+}
+
 napi_value RootHandleAt(napi_env env, int startFd, std::span<const std::string> names,
                         std::span<const Identity> identities, const Descriptor& directory) {
   if (!ValidateChain(startFd, names, identities)) return Throw(env, kOutOfRoot);
   struct stat status;
-  if (::fstat(directory.get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+  if (::fstat(directory.Get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
     return Throw(env, kOutOfRoot);
   }
   auto root = std::make_unique<Root>();
   // A plain dup, without close-on-exec: a handle's descriptor is inherited by child processes.
-  root->fd = Descriptor(::dup(directory.get()));
-  if (!root->fd.ok()) return FailErrno(env, errno);
+  root->fd = Descriptor(::dup(directory.Get()));
+  if (!root->fd.IsOpen()) return FailErrno(env, errno);
   root->identity = IdentityOf(status);
   return RootExternal(env, std::move(root));
 }
@@ -119,7 +125,7 @@ napi_value OpenRoot(napi_env env, napi_callback_info info) {
     return Throw(env, kOutOfRoot);
   }
   Descriptor current = OpenFileSystemRoot();
-  if (!current.ok()) return FailErrno(env, errno);
+  if (!current.IsOpen()) return FailErrno(env, errno);
   Segments components;
   if (!SplitPath(path, &components)) return Throw(env, kOutOfRoot);
 
@@ -128,17 +134,18 @@ napi_value OpenRoot(napi_env env, napi_callback_info info) {
     return nullptr;
   }
   const Descriptor start = OpenFileSystemRoot();
-  if (!start.ok()) return FailErrno(env, errno);
-  return RootHandleAt(env, start.get(), components, identities, current);
+  if (!start.IsOpen()) return FailErrno(env, errno);
+  return RootHandleAt(env, start.Get(), components, identities, current);
 }
 
 napi_value CloseRoot(napi_env env, napi_callback_info info) {
   const CallArguments<1> call(env, info);
   Root* root = call.count == 1 ? RootBehind(env, call.values[0]) : nullptr;
   if (root == nullptr) return Throw(env, kStorageFailed);
-  if (root->fd.ok()) {
-    // A handle whose close fails still counts as open.
-    if (::close(root->fd.get()) != 0) return FailErrno(env, errno);
+  if (root->fd.IsOpen()) {
+    // Required: a handle whose close fails still counts as open. Linux has let go of the descriptor
+    // by then, so that closing the handle again may hit one that has been given out anew.
+    if (::close(root->fd.Get()) != 0) return FailErrno(env, errno);
     (void)root->fd.Release();
   }
   return Undefined(env);

@@ -4,7 +4,8 @@
 
 #include <node_api.h>
 
-#include <memory>
+#include <span>
+#include <string>
 
 #include "addon/arguments.h"
 #include "confine/descriptor.h"
@@ -15,18 +16,15 @@ namespace tarvek {
 // Owned by its handle: freed when the handle is collected, closed earlier by close().
 struct Root {
   Descriptor fd;      // empty once closed; a hook can close it in the middle of an operation
-  Identity identity;  // as it was when the handle was made; never looked at again
+  Identity identity;  // as it was when the handle was made; never refreshed
 };
 
 // The open root behind `value`; null, without throwing, when it is closed or not a handle.
-Root* GetRoot(napi_env env, napi_value value);
+const Root* GetRoot(napi_env env, napi_value value);
 
 // The arguments (handle, segments) of the operations that take just these two. The order in which
 // faults are found is part of the interface: count, segments, handle. False: it has thrown.
-bool Args(napi_env env, napi_callback_info info, Root** root, Segments* segments);
-
-// Takes the record over and returns its handle, or null after it has failed and let go of it.
-napi_value RootExternal(napi_env env, std::unique_ptr<Root> root);
+bool Args(napi_env env, napi_callback_info info, const Root** root, Segments* segments);
 
 // Ends a walk of `names` from `startFd` that arrived at `directory`: proves the whole chain once
 // more and returns a new handle on the directory. Null: it has thrown.

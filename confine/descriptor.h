@@ -1,5 +1,4 @@
-// An owned file descriptor, the one way in which a directory's is got, and the modes of new
-// entries.
+// An owned file descriptor, the one way to open a directory, and the modes of new entries.
 #pragma once
 
 #include <fcntl.h>
@@ -29,14 +28,14 @@ class Descriptor {
   }
   ~Descriptor() { Close(); }
 
-  [[nodiscard]] bool ok() const { return fd_ >= 0; }
-  [[nodiscard]] int get() const { return fd_; }
+  [[nodiscard]] bool IsOpen() const { return fd_ >= 0; }
+  [[nodiscard]] int Get() const { return fd_; }
   int Release() { return std::exchange(fd_, -1); }
 
   // Errors of close are ignored: whatever had to be durable was flushed before, and Linux lets go
   // of the descriptor even when it reports an error.
   void Close() {
-    if (ok()) (void)::close(Release());
+    if (IsOpen()) (void)::close(Release());
   }
 
  private:

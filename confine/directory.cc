@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "addon/error.h"
 #include "addon/hook.h"
@@ -19,7 +20,7 @@ namespace {
 // in the meantime is as good as one of ours, but theirs to flush.
 Descriptor OpenOrMake(int dirFd, const char* name, bool create, bool* made) {
   Descriptor opened = OpenDirectoryAt(dirFd, name);
-  if (opened.ok() || errno != ENOENT || !create) return opened;
+  if (opened.IsOpen() || errno != ENOENT || !create) return opened;
   *made = ::mkdirat(dirFd, name, kNewDirectoryMode) == 0;
   if (!*made && errno != EEXIST) return opened;
   return OpenDirectoryAt(dirFd, name);
@@ -30,7 +31,7 @@ bool ConfirmOpened(napi_env env, const char* point, int dirFd, const std::string
                    uint32_t index, const Descriptor& directory, Identity* identity) {
   struct stat opened;
   struct stat named;
-  const bool same = ::fstat(directory.get(), &opened) == 0 && Hook(env, point, name, index) &&
+  const bool same = ::fstat(directory.Get(), &opened) == 0 && Hook(env, point, name, index) &&
                     ::fstatat(dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
                     S_ISDIR(named.st_mode) && SameIdentity(opened, named);
   if (!same) return Refuse(env, kOutOfRoot);
@@ -50,17 +51,17 @@ bool WalkDirectories(napi_env env, const Walk& walk, std::span<const std::string
   for (uint32_t index = 0; index < names.size(); ++index) {
     const std::string& name = names[index];
     bool made = false;
-    Descriptor next = OpenOrMake(current->get(), name.c_str(), walk.create, &made);
-    if (!next.ok()) {
+    Descriptor next = OpenOrMake(current->Get(), name.c_str(), walk.create, &made);
+    if (!next.IsOpen()) {
       if (missing == nullptr || errno != ENOENT) return RefuseErrno(env, errno);
       *missing = true;
       return true;
     }
     Identity identity;
-    if (!ConfirmOpened(env, walk.point, current->get(), name, index, next, &identity)) return false;
+    if (!ConfirmOpened(env, walk.point, current->Get(), name, index, next, &identity)) return false;
     identities->push_back(identity);
     // A new directory is durable before anything is made inside it.
-    if (made && ::fsync(current->get()) != 0) return RefuseErrno(env, errno);
+    if (made && ::fsync(current->Get()) != 0) return RefuseErrno(env, errno);
     *current = std::move(next);
   }
   return true;
@@ -68,10 +69,10 @@ bool WalkDirectories(napi_env env, const Walk& walk, std::span<const std::string
 
 bool OpenListed(napi_env env, int dirFd, const std::string& name, Descriptor* directory) {
   Descriptor opened = OpenDirectoryAt(dirFd, name.c_str());
-  if (!opened.ok()) return RefuseErrno(env, errno);
+  if (!opened.IsOpen()) return RefuseErrno(env, errno);
   struct stat status;
   struct stat named;
-  const bool same = ::fstat(opened.get(), &status) == 0 &&
+  const bool same = ::fstat(opened.Get(), &status) == 0 &&
                     ::fstatat(dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
                     !S_ISLNK(named.st_mode) && SameIdentity(status, named);
   if (!same) return Refuse(env, kOutOfRoot);

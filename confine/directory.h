@@ -40,8 +40,8 @@ struct StreamCloser {
 using DirectoryStream = std::unique_ptr<DIR, StreamCloser>;
 
 // A stream on a duplicate of `dirFd`, so that closing it leaves the caller's descriptor open. Null:
-// errno says why, and the duplicate stays open. Nothing else keeps it, so each such failure costs
-// the process a descriptor; that is the contract, and closing it here would change what errno says.
+// errno says why, and the duplicate stays open for good. That is part of the interface and not an
+// oversight to mend; it takes a process without memory to get there.
 DirectoryStream OpenStream(int dirFd);
 
 // The next name but "." and "..", valid until the stream is read or closed. Null at the end with

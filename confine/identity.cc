@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "addon/error.h"
 #include "confine/descriptor.h"
@@ -38,11 +39,11 @@ bool SameStableMetadata(const struct stat& a, const struct stat& b) {
 bool ValidateChain(int rootFd, std::span<const std::string> names,
                    std::span<const Identity> identities) {
   Descriptor current(::dup(rootFd));
-  if (!current.ok()) return false;
+  if (!current.IsOpen()) return false;
   for (size_t index = 0; index < names.size(); ++index) {
-    if (!NamesDirectory(current.get(), names[index], identities[index])) return false;
-    Descriptor next = OpenDirectoryAt(current.get(), names[index].c_str());
-    if (!next.ok()) return false;
+    if (!NamesDirectory(current.Get(), names[index], identities[index])) return false;
+    Descriptor next = OpenDirectoryAt(current.Get(), names[index].c_str());
+    if (!next.IsOpen()) return false;
     current = std::move(next);
   }
   return true;
@@ -69,9 +70,7 @@ bool SafeLeafStat(napi_env env, int dirFd, const std::string& name, struct stat*
     out->st_mode = 0;
     return true;
   }
-  const bool linked = S_ISREG(out->st_mode) && out->st_nlink >= 2;
-  if (S_ISLNK(out->st_mode) || linked) return Refuse(env, kOutOfRoot);
-  return true;
+  return !IsLinked(*out) || Refuse(env, kOutOfRoot);
 }
 
 }  // namespace tarvek

@@ -28,6 +28,17 @@ inline bool SameIdentity(const struct stat& a, const struct stat& b) {
   return IdentityOf(a) == IdentityOf(b);
 }
 
+// A regular file under its only name.
+inline bool IsSoleFile(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_nlink == 1;
+}
+
+// What no operation may act on, since it stands for something that may lie outside the root: a
+// symbolic link, or a regular file that another name leads to as well.
+inline bool IsLinked(const struct stat& status) {
+  return S_ISLNK(status.st_mode) || (S_ISREG(status.st_mode) && status.st_nlink >= 2);
+}
+
 // Identity, mode, link count, size, modification and status-change time. Ownership and access time
 // are left out on purpose: reading a file must not count as changing it.
 bool SameStableMetadata(const struct stat& a, const struct stat& b);
@@ -42,9 +53,9 @@ bool ValidateChain(int rootFd, std::span<const std::string> names,
 // descriptor's offset stays where its owner left it, through one fixed buffer. Throws nothing.
 bool ReadExactAt(int fd, const Bytes& expected);
 
-// Looks at a leaf by name and refuses what no operation may act on: a symbolic link, and a regular
-// file that another name could reach. Every other type passes; whether it suits is the caller's
-// question. False: it has thrown. With `allowMissing` an absent leaf passes with st_mode 0.
+// Looks at a leaf by name and refuses one that IsLinked. Every other type passes; whether it suits
+// is the caller's question. False: it has thrown. With `allowMissing` an absent leaf passes with
+// st_mode 0.
 bool SafeLeafStat(napi_env env, int dirFd, const std::string& name, struct stat* out,
                   bool allowMissing);
 

@@ -1,6 +1,6 @@
-// The levels of a tree walk, kept on the heap: a chain of directories may be as deep as there are
-// descriptors to hold it, and the native stack of a worker thread is not. Levels are let go of from
-// the deepest up, as returning from a recursion would.
+// The levels of a tree walk, kept on the heap. A chain of directories may be as deep as there are
+// descriptors to hold it, and a recursion that deep would overrun the native stack. Levels are let
+// go of from the deepest up, as returning from a recursion would do.
 #pragma once
 
 #include <utility>

@@ -12,8 +12,8 @@ namespace tarvek {
 
 bool OpenParent(napi_env env, const Root& root, const Segments& segments, bool create,
                 Parent* parent, bool* missing) {
-  parent->fd = Descriptor(::dup(root.fd.get()));
-  if (!parent->fd.ok()) return RefuseErrno(env, errno);
+  parent->fd = Descriptor(::dup(root.fd.Get()));
+  if (!parent->fd.IsOpen()) return RefuseErrno(env, errno);
   const std::span ancestors = std::span(segments).first(segments.size() - 1);
   const Walk walk{.point = "ancestor-open", .create = create};
   if (!WalkDirectories(env, walk, ancestors, &parent->fd, &parent->identities, missing)) {
@@ -24,13 +24,18 @@ bool OpenParent(napi_env env, const Root& root, const Segments& segments, bool c
 }
 
 bool PreEffect(napi_env env, const Root& root, const Parent& parent, const Segments& segments) {
-  const auto index = static_cast<uint32_t>(segments.size() - 1);
-  if (!Hook(env, "pre-effect", segments.back(), index)) return false;
+  if (!Hook(env, "pre-effect", segments.back(), LeafIndex(segments))) return false;
   return ChainHolds(root, parent) || Refuse(env, kOutOfRoot);
 }
 
 bool ChainHolds(const Root& root, const Parent& parent) {
-  return ValidateChain(root.fd.get(), parent.segments, parent.identities);
+  return ValidateChain(root.fd.Get(), parent.segments, parent.identities);
+}
+
+bool OpenTarget(napi_env env, napi_callback_info info, bool create, Target* target) {
+  return Args(env, info, &target->root, &target->segments) &&
+         OpenParent(env, *target->root, target->segments, create, &target->parent) &&
+         PreEffect(env, *target->root, target->parent, target->segments);
 }
 
 bool OpenBothParents(napi_env env, const Root& root, const Segments& from, const Segments& to,
@@ -41,7 +46,7 @@ bool OpenBothParents(napi_env env, const Root& root, const Segments& from, const
 }
 
 bool FlushBothParents(const Parent& source, const Parent& destination) {
-  return ::fsync(source.fd.get()) == 0 && ::fsync(destination.fd.get()) == 0;
+  return ::fsync(source.fd.Get()) == 0 && ::fsync(destination.fd.Get()) == 0;
 }
 
 }  // namespace tarvek

@@ -1,5 +1,5 @@
-// The way from a root to the directory that holds a leaf. Every operation on a segment array goes
-// through it in the same order:
+// The way from a root to the directory that holds a leaf. Every operation on a segment array but
+// openRelative goes through it in the same order:
 //
 //   OpenParent   walk to the leaf's directory, check every step and record it
 //   PreEffect    fire "pre-effect", then prove the recorded chain once more
@@ -39,6 +39,16 @@ bool PreEffect(napi_env env, const Root& root, const Parent& parent, const Segme
 
 // Whether the recorded chain still holds; throws nothing.
 bool ChainHolds(const Root& root, const Parent& parent);
+
+// What an operation of the form (handle, segments) works on, once it has arrived there.
+struct Target {
+  const Root* root = nullptr;
+  Segments segments;
+  Parent parent;
+};
+
+// The beginning of such an operation: its arguments, the walk, and the pre-effect.
+bool OpenTarget(napi_env env, napi_callback_info info, bool create, Target* target);
 
 // Both walks of an operation that takes an entry from one place to another, the source's without
 // creation and the destination's with, then both pre-effects, the source's first.

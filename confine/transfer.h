@@ -1,6 +1,7 @@
 // The calls that move bytes, repeated when a signal interrupts them. Short counts are the caller's.
 #pragma once
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string>
 
 #include "addon/error.h"
 #include "addon/hook.h"
@@ -29,7 +30,7 @@ namespace {
 constexpr int kOpenAttempts = 8;
 
 struct AppendCall {
-  Root* root = nullptr;
+  const Root* root = nullptr;
   Segments segments;
   int64_t expectedSize = 0;
   int64_t minimumSize = 0;
@@ -47,13 +48,15 @@ bool GetAppendCall(napi_env env, const CallArguments<5>& call, AppendCall* out) 
 }
 
 // Another process that removes or replaces the file over and over can make the open miss it; such
-// misses are tried again a few times. Empty: errno says why.
+// misses are tried again a few times. Without O_NONBLOCK, on purpose: the flag would stay on the
+// descriptor, and a FIFO put there meanwhile makes the call wait for a reader. Empty: errno says
+// why.
 Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
   Descriptor file;
-  for (int attempt = 0; attempt < kOpenAttempts && !file.ok(); ++attempt) {
+  for (int attempt = 0; attempt < kOpenAttempts && !file.IsOpen(); ++attempt) {
     file = Descriptor(::openat(
         dirFd, leaf.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, kNewFileMode));
-    if (!file.ok() && errno != ENOENT && errno != EINTR) break;
+    if (!file.IsOpen() && errno != ENOENT && errno != EINTR) break;
   }
   return file;
 }
@@ -62,8 +65,7 @@ Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
 // regular file under its only name.
 bool IsTheFileNamed(const struct stat& opened, const struct stat& named,
                     const struct stat& before) {
-  return S_ISREG(opened.st_mode) && opened.st_nlink == 1 && !S_ISLNK(named.st_mode) &&
-         named.st_nlink == 1 && SameIdentity(opened, named) &&
+  return IsSoleFile(opened) && IsSoleFile(named) && SameIdentity(opened, named) &&
          (before.st_mode == 0 || SameIdentity(before, opened));
 }
 
@@ -86,9 +88,9 @@ napi_value Append(napi_env env, napi_callback_info info) {
   Parent parent;
   if (!OpenParent(env, *call.root, call.segments, /*create=*/true, &parent)) return nullptr;
   if (!PreEffect(env, *call.root, parent, call.segments)) return nullptr;
-  const int dirFd = parent.fd.get();
+  const int dirFd = parent.fd.Get();
   const std::string& leaf = call.segments.back();
-  const auto index = static_cast<uint32_t>(call.segments.size() - 1);
+  const uint32_t index = LeafIndex(call.segments);
 
   struct stat before;
   if (!SafeLeafStat(env, dirFd, leaf, &before, /*allowMissing=*/true)) return nullptr;
@@ -96,17 +98,16 @@ napi_value Append(napi_env env, napi_callback_info info) {
 
   if (!Hook(env, "append-leaf-open", leaf, index)) return nullptr;
   const Descriptor file = OpenForAppend(dirFd, leaf);
-  if (!file.ok()) return FailErrno(env, errno);
+  if (!file.IsOpen()) return FailErrno(env, errno);
   struct stat opened;
   struct stat named;
-  if (::fstat(file.get(), &opened) != 0 ||
+  if (::fstat(file.Get(), &opened) != 0 ||
       ::fstatat(dirFd, leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
     return FailErrno(env, errno);
   }
   if (!IsTheFileNamed(opened, named, before)) return Throw(env, kOutOfRoot);
-  if (opened.st_size < call.expectedSize || opened.st_size < call.minimumSize) {
-    return Throw(env, kChangedBeforeAppend);
-  }
+  // The minimum size needs no look of its own: it is not above the expected one.
+  if (opened.st_size < call.expectedSize) return Throw(env, kChangedBeforeAppend);
 
   size_t count = call.body.length;
   napi_value asked = nullptr;
@@ -114,11 +115,11 @@ napi_value Append(napi_env env, napi_callback_info info) {
   if (!LimitCount(env, asked, &count)) return Throw(env, kStorageFailed);
   if (!StillHolds(env, arguments.values[4], call.body)) return Throw(env, kStorageFailed);
   // One call, also for an empty body, and no second one for the rest.
-  const ssize_t written = WriteSome(file.get(), call.body.data, count);
+  const ssize_t written = WriteSome(file.Get(), call.body.data, count);
   if (written < 0) return FailErrno(env, errno);
 
   if (!Hook(env, "append-data-fsync", leaf, index)) return nullptr;
-  if (::fsync(file.get()) != 0) return FailErrno(env, errno);
+  if (::fsync(file.Get()) != 0) return FailErrno(env, errno);
   if (!Hook(env, "append-directory-fsync", leaf, index)) return nullptr;
   if (::fsync(dirFd) != 0) return FailErrno(env, errno);
   if (static_cast<size_t>(written) != call.body.length) return Throw(env, kStorageFailed);

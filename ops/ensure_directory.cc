@@ -13,27 +13,23 @@
 #include "addon/error.h"
 #include "addon/operations.h"
 #include "addon/results.h"
-#include "addon/root.h"
 #include "confine/parent.h"
 
 namespace tarvek {
 
 napi_value EnsureDirectory(napi_env env, napi_callback_info info) {
-  Root* root = nullptr;
-  Segments segments;
-  if (!Args(env, info, &root, &segments)) return nullptr;
-  Parent parent;
-  if (!OpenParent(env, *root, segments, /*create=*/true, &parent)) return nullptr;
-  if (!PreEffect(env, *root, parent, segments)) return nullptr;
-  const char* leaf = segments.back().c_str();
+  Target target;
+  if (!OpenTarget(env, info, /*create=*/true, &target)) return nullptr;
+  const int dirFd = target.parent.fd.Get();
+  const char* leaf = target.segments.back().c_str();
 
   struct stat status;
-  if (::fstatat(parent.fd.get(), leaf, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+  if (::fstatat(dirFd, leaf, &status, AT_SYMLINK_NOFOLLOW) == 0) {
     return S_ISDIR(status.st_mode) ? Undefined(env) : Throw(env, kOutOfRoot);
   }
   if (errno != ENOENT) return FailErrno(env, errno);
-  if (::mkdirat(parent.fd.get(), leaf, kNewDirectoryMode) != 0) return FailErrno(env, errno);
-  if (::fsync(parent.fd.get()) != 0) return FailErrno(env, errno);
+  if (::mkdirat(dirFd, leaf, kNewDirectoryMode) != 0) return FailErrno(env, errno);
+  if (::fsync(dirFd) != 0) return FailErrno(env, errno);
   return Undefined(env);
 }
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 #include "addon/error.h"
 #include "addon/operations.h"
@@ -42,7 +43,7 @@ bool TargetIsDirectory(napi_env env, const Root& root, const Segments& target) {
   struct stat status;
   if (!OpenParent(env, root, target, /*create=*/false, &parent) ||
       !PreEffect(env, root, parent, target) ||
-      !SafeLeafStat(env, parent.fd.get(), target.back(), &status, /*allowMissing=*/false)) {
+      !SafeLeafStat(env, parent.fd.Get(), target.back(), &status, /*allowMissing=*/false)) {
     return false;
   }
   return S_ISDIR(status.st_mode) || Refuse(env, kOutOfRoot);
@@ -65,7 +66,7 @@ napi_value EnsureRelativeSymlink(napi_env env, napi_callback_info info) {
   Parent parent;
   if (!OpenParent(env, *root, link, /*create=*/true, &parent)) return nullptr;
   if (!PreEffect(env, *root, parent, link)) return nullptr;
-  const int dirFd = parent.fd.get();
+  const int dirFd = parent.fd.Get();
   const std::string& leaf = link.back();
 
   struct stat status;

@@ -2,7 +2,6 @@
 // answer and not an error; a symbolic link or a hard-linked file is refused, since what it stands
 // for may lie outside the root.
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "addon/error.h"
@@ -14,7 +13,7 @@
 namespace tarvek {
 
 napi_value Exists(napi_env env, napi_callback_info info) {
-  Root* root = nullptr;
+  const Root* root = nullptr;
   Segments segments;
   if (!Args(env, info, &root, &segments)) return nullptr;
   Parent parent;
@@ -23,7 +22,7 @@ napi_value Exists(napi_env env, napi_callback_info info) {
   if (missing) return Boolean(env, false);
   if (!PreEffect(env, *root, parent, segments)) return nullptr;
   struct stat leaf;
-  if (!SafeLeafStat(env, parent.fd.get(), segments.back(), &leaf, /*allowMissing=*/true)) {
+  if (!SafeLeafStat(env, parent.fd.Get(), segments.back(), &leaf, /*allowMissing=*/true)) {
     return nullptr;
   }
   return Boolean(env, leaf.st_mode != 0);

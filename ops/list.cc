@@ -5,7 +5,6 @@
 #include "addon/error.h"
 #include "addon/operations.h"
 #include "addon/results.h"
-#include "addon/root.h"
 #include "confine/directory.h"
 #include "confine/parent.h"
 
@@ -24,16 +23,12 @@ napi_value NameArray(napi_env env, const Names& names) {
 }  // namespace
 
 napi_value List(napi_env env, napi_callback_info info) {
-  Root* root = nullptr;
-  Segments segments;
-  if (!Args(env, info, &root, &segments)) return nullptr;
-  Parent parent;
-  if (!OpenParent(env, *root, segments, /*create=*/false, &parent)) return nullptr;
-  if (!PreEffect(env, *root, parent, segments)) return nullptr;
+  Target target;
+  if (!OpenTarget(env, info, /*create=*/false, &target)) return nullptr;
   Descriptor directory;
-  if (!OpenListed(env, parent.fd.get(), segments.back(), &directory)) return nullptr;
+  if (!OpenListed(env, target.parent.fd.Get(), target.segments.back(), &directory)) return nullptr;
   Names names;
-  if (!ReadNames(env, directory.get(), &names)) return nullptr;
+  if (!ReadNames(env, directory.Get(), &names)) return nullptr;
   return NameArray(env, names);
 }
 

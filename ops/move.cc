@@ -31,16 +31,15 @@ napi_value Move(napi_env env, napi_callback_info info) {
   Parent destination;
   if (!OpenBothParents(env, *root, from, to, &source, &destination)) return nullptr;
 
-  struct stat leaf;
-  if (!SafeLeafStat(env, source.fd.get(), from.back(), &leaf, /*allowMissing=*/false)) {
+  struct stat entry;
+  struct stat taken;
+  if (!SafeLeafStat(env, source.fd.Get(), from.back(), &entry, /*allowMissing=*/false) ||
+      !SafeLeafStat(env, destination.fd.Get(), to.back(), &taken, /*allowMissing=*/true)) {
     return nullptr;
   }
-  if (!SafeLeafStat(env, destination.fd.get(), to.back(), &leaf, /*allowMissing=*/true)) {
-    return nullptr;
-  }
-  if (leaf.st_mode != 0) return Throw(env, kAlreadyExists);
+  if (taken.st_mode != 0) return Throw(env, kAlreadyExists);
 
-  if (::renameat(source.fd.get(), from.back().c_str(), destination.fd.get(), to.back().c_str()) !=
+  if (::renameat(source.fd.Get(), from.back().c_str(), destination.fd.Get(), to.back().c_str()) !=
           0 ||
       !FlushBothParents(source, destination)) {
     return FailErrno(env, errno);

@@ -25,7 +25,7 @@ namespace tarvek {
 namespace {
 
 struct PublishCall {
-  Root* root = nullptr;
+  const Root* root = nullptr;
   int32_t candidateFd = -1;
   Segments candidate;
   Segments destination;
@@ -40,10 +40,6 @@ bool GetPublishCall(napi_env env, const CallArguments<5>& call, PublishCall* out
          out->candidateFd >= 0 && GetSegments(env, call.values[2], &out->candidate) &&
          GetSegments(env, call.values[3], &out->destination) &&
          GetBytes(env, call.values[4], &out->expected);
-}
-
-bool IsSoleFile(const struct stat& status) {
-  return S_ISREG(status.st_mode) && status.st_nlink == 1;
 }
 
 // Whether the descriptor and the name still are the one file with the expected bytes, before the
@@ -93,22 +89,22 @@ napi_value PublishVerified(napi_env env, napi_callback_info info) {
   }
   if (!StillHolds(env, arguments.values[4], call.expected)) return Throw(env, kStorageFailed);
   struct stat verified;
-  if (!CandidateVerified(call.candidateFd, source.fd.get(), from, call.expected, &verified)) {
+  if (!CandidateVerified(call.candidateFd, source.fd.Get(), from, call.expected, &verified)) {
     return Throw(env, kCandidateChanged);
   }
 
-  if (::linkat(source.fd.get(), from, destination.fd.get(), to, 0) != 0) {
+  if (::linkat(source.fd.Get(), from, destination.fd.Get(), to, 0) != 0) {
     return errno == EEXIST ? Throw(env, kAlreadyExists) : FailErrno(env, errno);
   }
-  if (!NamesFile(destination.fd.get(), to, verified)) {
+  if (!NamesFile(destination.fd.Get(), to, verified)) {
     // Whatever has the name now goes, even if it is not the candidate: what was about to be
     // published under it is not verified.
-    (void)::unlinkat(destination.fd.get(), to, 0);
+    (void)::unlinkat(destination.fd.Get(), to, 0);
     return Throw(env, kStorageFailed);
   }
-  if (::unlinkat(source.fd.get(), from, 0) != 0) {
+  if (::unlinkat(source.fd.Get(), from, 0) != 0) {
     const int unlinkError = errno;
-    (void)::unlinkat(destination.fd.get(), to, 0);
+    (void)::unlinkat(destination.fd.Get(), to, 0);
     return FailErrno(env, unlinkError);
   }
   if (!FlushBothParents(source, destination)) return FailErrno(env, errno);

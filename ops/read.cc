@@ -7,42 +7,38 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <string>
 
 #include "addon/error.h"
 #include "addon/operations.h"
-#include "addon/results.h"
-#include "addon/root.h"
-#include "confine/body.h"
+#include "confine/file_bytes.h"
 #include "confine/parent.h"
 
 namespace tarvek {
 
 napi_value Read(napi_env env, napi_callback_info info) {
-  Root* root = nullptr;
-  Segments segments;
-  if (!Args(env, info, &root, &segments)) return nullptr;
-  Parent parent;
-  if (!OpenParent(env, *root, segments, /*create=*/false, &parent)) return nullptr;
-  if (!PreEffect(env, *root, parent, segments)) return nullptr;
-  const std::string& leaf = segments.back();
+  Target target;
+  if (!OpenTarget(env, info, /*create=*/false, &target)) return nullptr;
+  const int dirFd = target.parent.fd.Get();
+  const std::string& leaf = target.segments.back();
 
   struct stat named;
-  if (!SafeLeafStat(env, parent.fd.get(), leaf, &named, /*allowMissing=*/false)) return nullptr;
+  if (!SafeLeafStat(env, dirFd, leaf, &named, /*allowMissing=*/false)) return nullptr;
   if (!S_ISREG(named.st_mode)) return Throw(env, kOutOfRoot);
 
   // Without O_NONBLOCK a FIFO put in the file's place would block here before it can be refused.
   const Descriptor file(
-      ::openat(parent.fd.get(), leaf.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-  if (!file.ok()) return FailErrno(env, errno);
+      ::openat(dirFd, leaf.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  if (!file.IsOpen()) return FailErrno(env, errno);
   struct stat opened;
-  if (::fstat(file.get(), &opened) != 0) return FailErrno(env, errno);
-  if (!S_ISREG(opened.st_mode) || opened.st_nlink >= 2 || !SameIdentity(opened, named)) {
+  if (::fstat(file.Get(), &opened) != 0) return FailErrno(env, errno);
+  if (!S_ISREG(opened.st_mode) || IsLinked(opened) || !SameIdentity(opened, named)) {
     return Throw(env, kOutOfRoot);
   }
 
-  Body body;
-  if (!ReadBody(env, file.get(), opened.st_size, &body)) return nullptr;
-  return BufferCopy(env, body.data.get(), body.length);
+  FileBytes bytes;
+  if (!ReadFileBytes(env, file.Get(), opened.st_size, &bytes)) return nullptr;
+  return BufferCopy(env, bytes);
 }
 
 }  // namespace tarvek

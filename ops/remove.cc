@@ -12,11 +12,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "addon/error.h"
 #include "addon/operations.h"
 #include "addon/results.h"
-#include "addon/root.h"
 #include "confine/directory.h"
 #include "confine/levels.h"
 #include "confine/parent.h"
@@ -36,8 +36,8 @@ struct EmptyingLevel {
 
 bool EnterDirectory(napi_env env, int dirFd, const char* name, Levels<EmptyingLevel>* levels) {
   Descriptor directory = OpenDirectoryAt(dirFd, name);
-  if (!directory.ok()) return RefuseErrno(env, errno);
-  DirectoryStream stream = OpenStream(directory.get());
+  if (!directory.IsOpen()) return RefuseErrno(env, errno);
+  DirectoryStream stream = OpenStream(directory.Get());
   if (stream == nullptr) return RefuseErrno(env, errno);
   levels->Push({dirFd, name, std::move(directory), std::move(stream)});
   return true;
@@ -47,8 +47,7 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, Levels<EmptyingLe
 bool UnlinkOrEnter(napi_env env, int dirFd, const char* name, Levels<EmptyingLevel>* levels) {
   struct stat status;
   if (::fstatat(dirFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
-  const bool linked = S_ISREG(status.st_mode) && status.st_nlink > 1;
-  if (S_ISLNK(status.st_mode) || linked) return Refuse(env, kOutOfRoot);
+  if (IsLinked(status)) return Refuse(env, kOutOfRoot);
   if (S_ISDIR(status.st_mode)) return EnterDirectory(env, dirFd, name, levels);
   if (::unlinkat(dirFd, name, 0) != 0) return RefuseErrno(env, errno);
   return true;
@@ -59,7 +58,7 @@ bool RemoveEmptied(napi_env env, EmptyingLevel* level) {
   const int readError = errno;
   level->stream.reset();
   if (readError != 0) return RefuseErrno(env, readError);
-  if (::fsync(level->directory.get()) != 0 ||
+  if (::fsync(level->directory.Get()) != 0 ||
       ::unlinkat(level->holderFd, level->name, AT_REMOVEDIR) != 0) {
     return RefuseErrno(env, errno);
   }
@@ -72,7 +71,7 @@ bool RemoveEntry(napi_env env, int dirFd, const char* name) {
   while (!levels.Empty()) {
     EmptyingLevel& level = levels.Top();
     if (const char* child = NextName(level.stream.get())) {
-      if (!UnlinkOrEnter(env, level.directory.get(), child, &levels)) return false;
+      if (!UnlinkOrEnter(env, level.directory.Get(), child, &levels)) return false;
     } else {
       if (!RemoveEmptied(env, &level)) return false;
       levels.Pop();
@@ -84,14 +83,10 @@ bool RemoveEntry(napi_env env, int dirFd, const char* name) {
 }  // namespace
 
 napi_value Remove(napi_env env, napi_callback_info info) {
-  Root* root = nullptr;
-  Segments segments;
-  if (!Args(env, info, &root, &segments)) return nullptr;
-  Parent parent;
-  if (!OpenParent(env, *root, segments, /*create=*/false, &parent)) return nullptr;
-  if (!PreEffect(env, *root, parent, segments)) return nullptr;
-  if (!RemoveEntry(env, parent.fd.get(), segments.back().c_str())) return nullptr;
-  if (::fsync(parent.fd.get()) != 0) return FailErrno(env, errno);
+  Target target;
+  if (!OpenTarget(env, info, /*create=*/false, &target)) return nullptr;
+  if (!RemoveEntry(env, target.parent.fd.Get(), target.segments.back().c_str())) return nullptr;
+  if (::fsync(target.parent.fd.Get()) != 0) return FailErrno(env, errno);
   return Undefined(env);
 }
 

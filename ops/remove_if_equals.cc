@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 #include "addon/error.h"
 #include "addon/hook.h"
@@ -24,7 +25,7 @@ namespace tarvek {
 namespace {
 
 struct RemoveIfEqualsCall {
-  Root* root = nullptr;
+  const Root* root = nullptr;
   Segments segments;
   Bytes expected;
 };
@@ -60,20 +61,21 @@ napi_value RemoveIfEquals(napi_env env, napi_callback_info info) {
   Parent parent;
   if (!OpenParent(env, *call.root, call.segments, /*create=*/false, &parent)) return nullptr;
   if (!PreEffect(env, *call.root, parent, call.segments)) return nullptr;
-  const int dirFd = parent.fd.get();
+  const int dirFd = parent.fd.Get();
   const std::string& leaf = call.segments.back();
-  const auto index = static_cast<uint32_t>(call.segments.size() - 1);
+  const uint32_t index = LeafIndex(call.segments);
 
   struct stat named;
   if (!SafeLeafStat(env, dirFd, leaf, &named, /*allowMissing=*/false)) return nullptr;
-  if (!S_ISREG(named.st_mode) || named.st_nlink != 1) return Throw(env, kOutOfRoot);
+  if (!IsSoleFile(named)) return Throw(env, kOutOfRoot);
 
   if (!Hook(env, "remove-if-equals-open", leaf, index)) return nullptr;
+  // Without O_NONBLOCK, as the interface has it: a FIFO put there meanwhile makes the call wait.
   const Descriptor file(::openat(dirFd, leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  if (!file.ok()) return FailErrno(env, errno);
+  if (!file.IsOpen()) return FailErrno(env, errno);
   if (!StillHolds(env, arguments.values[2], call.expected)) return Throw(env, kStorageFailed);
   struct stat compared;
-  if (!HoldsUnchanged(file.get(), named, call.expected, &compared)) {
+  if (!HoldsUnchanged(file.Get(), named, call.expected, &compared)) {
     return Throw(env, kChangedBeforeRemoval);
   }
 

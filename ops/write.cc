@@ -3,7 +3,8 @@
 // write replaces a file atomically and durably: the bytes go into a temporary file in the same
 // directory, which is flushed, renamed over the target, and followed by a flush of the directory.
 // Until the rename the target holds its old bytes and every failure removes the temporary file;
-// from the rename on it holds the new ones. Only a crash in between leaves a temporary file behind.
+// from the rename on it holds the new ones. Only a crash in between, or an unlink that fails as
+// well, leaves a temporary file behind.
 //
 // create makes a file that must not exist yet, in place under exclusive creation. It never removes
 // what it created: a failure half-way leaves a partial file, which the caller can see and judge.
@@ -16,9 +17,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <string>
+#include <utility>
 
 #include "addon/error.h"
 #include "addon/operations.h"
@@ -95,12 +100,13 @@ bool WriteStage(napi_env env, napi_value stage, const char* name) {
 }
 
 struct WriteCall {
-  Root* root = nullptr;
+  const Root* root = nullptr;
   Segments segments;
   Bytes body;
   napi_value stage = nullptr;  // null when none was given
 };
 
+// False: it has thrown, since which error it is depends on the fault.
 bool GetWriteCall(napi_env env, const CallArguments<4>& call, WriteCall* out) {
   if (call.count < 3 || call.count > 4) return Refuse(env, kOutOfRoot);
   out->root = GetRoot(env, call.values[0]);
@@ -116,11 +122,11 @@ bool GetWriteCall(napi_env env, const CallArguments<4>& call, WriteCall* out) {
 
 napi_value CreateInPlace(napi_env env, const Parent& parent, const std::string& leaf,
                          const Bytes& body) {
-  const Descriptor file(::openat(parent.fd.get(), leaf.c_str(), kExclusive, kNewFileMode));
-  if (!file.ok()) {
+  const Descriptor file(::openat(parent.fd.Get(), leaf.c_str(), kExclusive, kNewFileMode));
+  if (!file.IsOpen()) {
     return errno == EEXIST ? Throw(env, kAlreadyExists) : FailErrno(env, errno);
   }
-  if (!WriteAll(file.get(), body) || ::fsync(file.get()) != 0 || ::fsync(parent.fd.get()) != 0) {
+  if (!WriteAll(file.Get(), body) || ::fsync(file.Get()) != 0 || ::fsync(parent.fd.Get()) != 0) {
     return FailErrno(env, errno);
   }
   return Undefined(env);
@@ -129,13 +135,13 @@ napi_value CreateInPlace(napi_env env, const Parent& parent, const std::string& 
 napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& parent) {
   const std::string& leaf = call.segments.back();
   const std::string temp = TempName();
-  Descriptor file(::openat(parent.fd.get(), temp.c_str(), kExclusive, kNewFileMode));
-  if (!file.ok()) return FailErrno(env, errno);
-  TempEntry entry(parent.fd.get(), temp);
+  Descriptor file(::openat(parent.fd.Get(), temp.c_str(), kExclusive, kNewFileMode));
+  if (!file.IsOpen()) return FailErrno(env, errno);
+  TempEntry entry(parent.fd.Get(), temp);  // goes before `file` does: unlinked, then closed
 
-  const bool written = WriteAll(file.get(), call.body);
+  const bool written = WriteAll(file.Get(), call.body);
   if (written && !WriteStage(env, call.stage, "after-temp-write")) return nullptr;
-  if (!written || ::fsync(file.get()) != 0) {
+  if (!written || ::fsync(file.Get()) != 0) {
     // errno is read after the unlink: a name that cannot be removed either is the graver news.
     entry.Unlink();
     return FailErrno(env, errno);
@@ -144,8 +150,12 @@ napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& 
   file.Close();
   if (!WriteStage(env, call.stage, "before-file-rename")) return nullptr;
 
-  if (!ChainHolds(*call.root, parent)) return Throw(env, kOutOfRoot);
-  if (::renameat(parent.fd.get(), temp.c_str(), parent.fd.get(), leaf.c_str()) != 0) {
+  if (!ChainHolds(*call.root, parent)) {
+    // Before the error is made: making it can run a setter of the program's.
+    entry.Unlink();
+    return Throw(env, kOutOfRoot);
+  }
+  if (::renameat(parent.fd.Get(), temp.c_str(), parent.fd.Get(), leaf.c_str()) != 0) {
     const int renameError = errno;
     entry.Unlink();
     return FailErrno(env, renameError);
@@ -153,7 +163,7 @@ napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& 
   entry.Keep();
 
   if (!WriteStage(env, call.stage, "after-file-rename")) return nullptr;
-  if (::fsync(parent.fd.get()) != 0) return FailErrno(env, errno);
+  if (::fsync(parent.fd.Get()) != 0) return FailErrno(env, errno);
   if (!WriteStage(env, call.stage, "after-directory-sync")) return nullptr;
   return Undefined(env);
 }
@@ -167,7 +177,7 @@ napi_value WriteCommon(napi_env env, napi_callback_info info, bool create) {
   if (!PreEffect(env, *call.root, parent, call.segments)) return nullptr;
   const std::string& leaf = call.segments.back();
   struct stat status;
-  if (!SafeLeafStat(env, parent.fd.get(), leaf, &status, /*allowMissing=*/true)) return nullptr;
+  if (!SafeLeafStat(env, parent.fd.Get(), leaf, &status, /*allowMissing=*/true)) return nullptr;
 
   const bool present = status.st_mode != 0;
   if (create && present) return Throw(env, kAlreadyExists);

@@ -13,9 +13,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <functional>
 #include <string>
-#include <string_view>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "addon/error.h"
@@ -23,8 +24,8 @@
 #include "addon/operations.h"
 #include "addon/results.h"
 #include "addon/root.h"
-#include "confine/body.h"
 #include "confine/directory.h"
+#include "confine/file_bytes.h"
 #include "confine/levels.h"
 #include "confine/parent.h"
 
@@ -38,7 +39,7 @@ struct CaptureEntry {
   std::string path;  // relative to the root, "/" between the names
   uint32_t mode;     // the whole st_mode
   bool directory;
-  Body body;  // nothing for a directory
+  FileBytes body;  // nothing for a directory
 };
 
 struct IdentityHash {
@@ -65,10 +66,6 @@ struct CaptureLevel {
   size_t next = 0;  // the first of `names` still to do
 };
 
-bool IsSoleFile(const struct stat& status) {
-  return S_ISREG(status.st_mode) && status.st_nlink == 1;
-}
-
 // The last two looks at an object that was opened: through its descriptor, then by its name.
 bool LookAgain(napi_env env, int fd, int holderFd, const char* name, struct stat* after,
                struct stat* again) {
@@ -81,20 +78,20 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
                  const struct stat& named, Captured* captured) {
   if (named.st_nlink != 1) return Refuse(env, kSourceIsHardLinked);
   const Descriptor file(::openat(dirFd, name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-  if (!file.ok()) return RefuseErrno(env, errno);
+  if (!file.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
-  if (::fstat(file.get(), &opened) != 0) return RefuseErrno(env, errno);
+  if (::fstat(file.Get(), &opened) != 0) return RefuseErrno(env, errno);
   if (!IsSoleFile(opened) || !SameStableMetadata(named, opened) || opened.st_size < 0) {
     return Refuse(env, kSourceReplaced);
   }
   if (captured->identities.contains(IdentityOf(opened))) return Refuse(env, kSourceDuplicated);
 
-  Body body;
-  if (!ReadBody(env, file.get(), opened.st_size, &body)) return false;
+  FileBytes body;
+  if (!ReadFileBytes(env, file.Get(), opened.st_size, &body)) return false;
   if (!Hook(env, "capture-file-read", path, 0)) return false;
   struct stat after;
   struct stat again;
-  if (!LookAgain(env, file.get(), dirFd, name, &after, &again)) return false;
+  if (!LookAgain(env, file.Get(), dirFd, name, &after, &again)) return false;
   if (!IsSoleFile(again) || !SameStableMetadata(opened, after) ||
       !SameStableMetadata(after, again) || static_cast<size_t>(after.st_size) != body.length) {
     return Refuse(env, kSourceChanged);
@@ -107,17 +104,17 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
 bool EnterDirectory(napi_env env, int dirFd, const char* name, std::string path,
                     const struct stat& named, Captured* captured, Levels<CaptureLevel>* levels) {
   Descriptor directory = OpenDirectoryAt(dirFd, name);
-  if (!directory.ok()) return RefuseErrno(env, errno);
+  if (!directory.IsOpen()) return RefuseErrno(env, errno);
   // A failing fstat counts as a replaced directory here, while a file's is reported by its errno.
   struct stat opened;
-  if (::fstat(directory.get(), &opened) != 0 || !S_ISDIR(opened.st_mode) ||
+  if (::fstat(directory.Get(), &opened) != 0 || !S_ISDIR(opened.st_mode) ||
       !SameStableMetadata(named, opened)) {
     return Refuse(env, kSourceDirectoryReplaced);
   }
   const size_t entry = captured->entries.size();
   captured->entries.push_back({std::move(path), opened.st_mode, true, {}});
   Names names;
-  if (!ReadNames(env, directory.get(), &names)) return false;
+  if (!ReadNames(env, directory.Get(), &names)) return false;
   levels->Push({dirFd, name, std::move(directory), opened, entry, std::move(names)});
   return true;
 }
@@ -127,7 +124,7 @@ bool ConfirmDirectory(napi_env env, const CaptureLevel& level, const Captured& c
   if (!Hook(env, "capture-directory-read", captured.entries[level.entry].path, 0)) return false;
   struct stat after;
   struct stat again;
-  if (!LookAgain(env, level.directory.get(), level.holderFd, level.name, &after, &again)) {
+  if (!LookAgain(env, level.directory.Get(), level.holderFd, level.name, &after, &again)) {
     return false;
   }
   if (!S_ISDIR(again.st_mode) || !SameStableMetadata(level.opened, after) ||
@@ -166,7 +163,7 @@ bool CaptureNode(napi_env env, int dirFd, const char* name, std::string path,
       continue;
     }
     const char* child = level.names.sorted[level.next++];
-    const int holderFd = level.directory.get();
+    const int holderFd = level.directory.Get();
     struct stat status;
     if (::fstatat(holderFd, child, &status, AT_SYMLINK_NOFOLLOW) != 0) {
       return RefuseErrno(env, errno);
@@ -185,10 +182,10 @@ bool CapturePath(napi_env env, const Root& root, const Segments& segments, Captu
   if (!PreEffect(env, root, parent, segments)) return false;
   const char* leaf = segments.back().c_str();
   struct stat named;
-  if (::fstatat(parent.fd.get(), leaf, &named, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (::fstatat(parent.fd.Get(), leaf, &named, AT_SYMLINK_NOFOLLOW) != 0) {
     return RefuseErrno(env, errno);
   }
-  if (!CaptureNode(env, parent.fd.get(), leaf, JoinSegments(segments), named, captured)) {
+  if (!CaptureNode(env, parent.fd.Get(), leaf, JoinSegments(segments), named, captured)) {
     return false;
   }
   return ChainHolds(root, parent) || Refuse(env, kOutOfRoot);
@@ -228,7 +225,7 @@ napi_value Record(napi_env env, const RecordTexts& texts, const CaptureEntry& en
   napi_set_named_property(env, record, "type", entry.directory ? texts.directory : texts.file);
   napi_set_named_property(env, record, "mode", mode);
   if (!entry.directory) {
-    const napi_value body = BufferCopy(env, entry.body.data.get(), entry.body.length);
+    const napi_value body = BufferCopy(env, entry.body);
     napi_set_named_property(env, record, "body", body);
   }
   return record;

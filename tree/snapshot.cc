@@ -15,13 +15,13 @@
 
 #include <cerrno>
 #include <string>
+#include <utility>
 
 #include "addon/error.h"
 #include "addon/operations.h"
 #include "addon/results.h"
-#include "addon/root.h"
-#include "confine/body.h"
 #include "confine/directory.h"
+#include "confine/file_bytes.h"
 #include "confine/levels.h"
 #include "confine/parent.h"
 
@@ -31,8 +31,7 @@ namespace {
 
 // A directory whose files are being read.
 struct SnapshotLevel {
-  Descriptor owned;  // empty for the topmost directory, which the caller holds
-  int directory;
+  Descriptor directory;
   Names names;
   size_t prefixLength;  // of the key, up to and with the directory's own "/"
   size_t next = 0;      // the first of `names` still to do
@@ -45,27 +44,25 @@ bool IsStill(int fd, const struct stat& named, struct stat* opened) {
 bool AddFile(napi_env env, int dirFd, const char* name, const std::string& key,
              const struct stat& named, napi_value target) {
   const Descriptor file(::openat(dirFd, name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-  if (!file.ok()) return RefuseErrno(env, errno);
+  if (!file.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
-  if (!IsStill(file.get(), named, &opened)) return Refuse(env, kOutOfRoot);
-  Body body;
-  if (!ReadBody(env, file.get(), opened.st_size, &body)) return false;
-  const napi_value bytes = BufferCopy(env, body.data.get(), body.length);
-  napi_set_named_property(env, target, key.c_str(), bytes);
+  if (!IsStill(file.Get(), named, &opened)) return Refuse(env, kOutOfRoot);
+  FileBytes bytes;
+  if (!ReadFileBytes(env, file.Get(), opened.st_size, &bytes)) return false;
+  napi_set_named_property(env, target, key.c_str(), BufferCopy(env, bytes));
   return true;
 }
 
 bool EnterDirectory(napi_env env, int dirFd, const char* name, const struct stat& named,
                     std::string* key, Levels<SnapshotLevel>* levels) {
   Descriptor directory = OpenDirectoryAt(dirFd, name);
-  if (!directory.ok()) return RefuseErrno(env, errno);
+  if (!directory.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
-  if (!IsStill(directory.get(), named, &opened)) return Refuse(env, kOutOfRoot);
+  if (!IsStill(directory.Get(), named, &opened)) return Refuse(env, kOutOfRoot);
   Names names;
-  if (!ReadNames(env, directory.get(), &names)) return false;
+  if (!ReadNames(env, directory.Get(), &names)) return false;
   *key += '/';
-  const int fd = directory.get();
-  levels->Push({std::move(directory), fd, std::move(names), key->size()});
+  levels->Push({std::move(directory), std::move(names), key->size()});
   return true;
 }
 
@@ -74,19 +71,18 @@ bool AddOrEnter(napi_env env, int dirFd, const char* name, std::string* key, nap
   struct stat named;
   if (::fstatat(dirFd, name, &named, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
   // A file without any link passes here, as it does not in capture.
-  if (S_ISREG(named.st_mode) && named.st_nlink <= 1) {
-    return AddFile(env, dirFd, name, *key, named, target);
-  }
+  if (IsLinked(named)) return Refuse(env, kOutOfRoot);
   if (S_ISDIR(named.st_mode)) return EnterDirectory(env, dirFd, name, named, key, levels);
+  if (S_ISREG(named.st_mode)) return AddFile(env, dirFd, name, *key, named, target);
   return Refuse(env, kOutOfRoot);
 }
 
 // Adds the files of a directory and of everything beneath it to `target`. False: it has thrown.
-bool SnapshotDirectory(napi_env env, int dirFd, napi_value target) {
+bool SnapshotDirectory(napi_env env, Descriptor directory, napi_value target) {
   Names names;
-  if (!ReadNames(env, dirFd, &names)) return false;
+  if (!ReadNames(env, directory.Get(), &names)) return false;
   Levels<SnapshotLevel> levels;
-  levels.Push({Descriptor(), dirFd, std::move(names), 0});
+  levels.Push({std::move(directory), std::move(names), 0});
   std::string key;
   while (!levels.Empty()) {
     SnapshotLevel& level = levels.Top();
@@ -97,7 +93,7 @@ bool SnapshotDirectory(napi_env env, int dirFd, napi_value target) {
     const char* child = level.names.sorted[level.next++];
     key.resize(level.prefixLength);
     key += child;
-    if (!AddOrEnter(env, level.directory, child, &key, target, &levels)) return false;
+    if (!AddOrEnter(env, level.directory.Get(), child, &key, target, &levels)) return false;
   }
   return true;
 }
@@ -120,17 +116,13 @@ napi_value CreateResult(napi_env env) {
 }  // namespace
 
 napi_value Snapshot(napi_env env, napi_callback_info info) {
-  Root* root = nullptr;
-  Segments segments;
-  if (!Args(env, info, &root, &segments)) return nullptr;
-  Parent parent;
-  if (!OpenParent(env, *root, segments, /*create=*/false, &parent)) return nullptr;
-  if (!PreEffect(env, *root, parent, segments)) return nullptr;
+  Target target;
+  if (!OpenTarget(env, info, /*create=*/false, &target)) return nullptr;
   Descriptor directory;
-  if (!OpenListed(env, parent.fd.get(), segments.back(), &directory)) return nullptr;
+  if (!OpenListed(env, target.parent.fd.Get(), target.segments.back(), &directory)) return nullptr;
   const napi_value result = CreateResult(env);
   if (result == nullptr) return nullptr;
-  return SnapshotDirectory(env, directory.get(), result) ? result : nullptr;
+  return SnapshotDirectory(env, std::move(directory), result) ? result : nullptr;
 }
 
 }  // namespace tarvek
