@@ -1,16 +1,17 @@
 'use strict';
 
 // Brings a fresh clone to where a command can run: names a missing tool, installs the packages of the
-// lock file, builds one preset. Takes a few hundred milliseconds when there is nothing to do.
+// lock file, builds. Takes a few hundred milliseconds when there is nothing to do.
 //
-//   node scripts/setup.js PRESET|- [TOOL...]
+//   node scripts/setup.js NAME...
 //
-// PRESET is one of CMakePresets.json, `-` builds nothing; each TOOL must be on the PATH.
+// A NAME is a preset of CMakePresets.json, which is built, or a tool, which must be on the PATH.
 
 const { spawnSync } = require('node:child_process');
 const { existsSync, statSync } = require('node:fs');
 const { availableParallelism } = require('node:os');
 const path = require('node:path');
+const { configurePresets } = require('../CMakePresets.json');
 
 const root = path.join(__dirname, '..');
 
@@ -61,19 +62,17 @@ function installPackages() {
   quietly('npm', ['ci', '--ignore-scripts', '--loglevel=error']);
 }
 
-function build(preset) {
-  const { configurePresets } = require('../CMakePresets.json');
-  const directory = configurePresets.find(({ name }) => name === preset)?.binaryDir;
-  if (!directory) fail(`CMakePresets.json has no preset ${preset}`);
-  requireBuildTools();
-  const module = `${directory}/tarvek.node`;
+function build({ name, binaryDir }) {
+  const module = `${binaryDir}/tarvek.node`;
   if (!existsSync(path.join(root, module))) console.error(`tarvek: building ${module}`);
-  quietly('cmake', ['--preset', preset]);
-  quietly('cmake', ['--build', '--preset', preset, '--parallel', String(availableParallelism())]);
+  quietly('cmake', ['--preset', name]);
+  quietly('cmake', ['--build', '--preset', name, '--parallel', String(availableParallelism())]);
 }
 
-const [preset, ...tools] = process.argv.slice(2);
-if (!preset) fail('usage: node scripts/setup.js PRESET|- [TOOL...]');
+const names = process.argv.slice(2);
+const presets = configurePresets.filter(({ name }) => names.includes(name));
+const tools = names.filter((name) => !presets.some((preset) => preset.name === name));
 for (const tool of tools) requireTool(tool);
+if (presets.length > 0) requireBuildTools();
 installPackages();
-if (preset !== '-') build(preset);
+for (const preset of presets) build(preset);
