@@ -19,7 +19,9 @@ const tool = (name) => path.join(tools, 'node_modules', name);
 
 // All that belongs in the package; each line has to match something.
 const CONTENTS = [
-  /^(CMakeLists\.txt|CMakePresets\.json|package\.json|LICENSE|README\.md|CHANGELOG\.md)$/,
+  /^(CMakeLists\.txt|CMakePresets\.json|package\.json|LICENSE)$/,
+  /^(README|CHANGELOG|CONTRIBUTING|SECURITY)\.md$/,
+  /^docs\/\w+\.md$/,
   /^index\.(js|mjs|d\.ts|d\.mts)$/,
   /^addon\/(\w+\.(cc|h)|exports\.map)$/,
   /^confine\/\w+\.(cc|h)$/,
