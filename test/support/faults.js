@@ -16,7 +16,7 @@ const { build, descriptors, expectOutcome, prepare, sandbox, thrownBy, treeOf } 
 // Bound lazily, since child processes that load it are not Node.
 const library = compile('interpose/faults.c', '-shared', '-fPIC', '-Wl,-z,lazy', '-ldl');
 const { LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
-const full = process.env.TARVEK_FULL === '1';
+const full = process.env.TARVEK_TEST_FULL === '1';
 
 if (!LD_PRELOAD.includes(library)) {
   const env = {
