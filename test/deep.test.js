@@ -12,12 +12,14 @@ const { once } = require('node:events');
 const fs = require('node:fs');
 const test = require('node:test');
 const { Worker } = require('node:worker_threads');
-const { place, descriptors } = require('./support/harness.js');
+const { place, descriptors, expectOutcome, thrownBy } = require('./support/harness.js');
+const tarvek = require('./support/tarvek.js');
 
 const LEVELS = 15_000;
 const HUGE = '9223372036854775807';
 const chain = (name, levels) => execFileSync('mkdir', ['-p', place.at(name, 'd/'.repeat(levels))]);
-const setLimit = (count) => execFileSync('prlimit', [`--pid=${process.pid}`, `--nofile=${count}:`]);
+const limitTo = (limit) => execFileSync('prlimit', [`--pid=${process.pid}`, limit]);
+const setLimit = (count) => limitTo(`--nofile=${count}:`);
 
 // What comes of everything that goes down a tree or reads a file; the worker runs this text.
 function outcomes(tarvek, root) {
@@ -69,5 +71,30 @@ test('depth and size end in a failure, never in a crash, and leave no descriptor
   } finally {
     setLimit(limit);
     execFileSync('rm', ['-rf', place.root]);
+  }
+});
+
+test('memory that suffices for the bytes and not for their Buffer ends in a failure', () => {
+  const bytes = 1 << 28;
+  fs.mkdirSync(place.root);
+  fs.writeFileSync(place.at('f'), '');
+  fs.truncateSync(place.at('f'), bytes);
+  const handle = tarvek.openRoot(place.root);
+  const calls = { read: ['f'], capture: [['f']] };
+  const expectAll = (expected) => {
+    for (const [name, path] of Object.entries(calls)) {
+      expectOutcome(expected, thrownBy(() => tarvek[name](handle, path)));
+    }
+  };
+  const [, used] = /VmSize:\s+(\d+)/.exec(fs.readFileSync('/proc/self/status', 'utf8'));
+  try {
+    limitTo(`--as=${used * 1024 + bytes * 1.5}:`);
+    expectAll('storage');
+    limitTo('--as=unlimited:');
+    expectAll('-');
+  } finally {
+    limitTo('--as=unlimited:');
+    tarvek.close(handle);
+    fs.rmSync(place.root, { recursive: true });
   }
 });
