@@ -42,7 +42,7 @@ const linkText = (leaf, other) => [...other.slice(1).map(() => '..'), ...leaf].j
 const linked = (leaf, other) => [TREE, symlink(linkText(leaf, other))];
 
 // What is at the leaf, and at the other path of a call that names two, before and after.
-const SPECS = {
+const ROWS = {
   'openRoot @leaf': { before: [{}], check: opened },
   'openRelative leaf': { before: [TREE], check: opened },
   'exists leaf, a file': { before: [OLD], result: true },
@@ -102,9 +102,9 @@ const HOOKS = {
 const beneath = (directories, name, content, wrap = (layout) => layout) =>
   directories.reduceRight((inner, at) => ({ [at]: wrap(inner) }), { [name]: content });
 
-function scenario(spec, near, far, missing = false) {
-  const [words, what = ''] = spec.split(', ');
-  const { before = [], after = before, result, check } = SPECS[spec];
+function scenario(row, near, far, missing = false) {
+  const [words, what = ''] = row.split(', ');
+  const { before = [], after = before, result, check } = ROWS[row];
   const leaf = [...near, 'leaf'];
   const other = [...far, 'other'];
   const paths = words.includes('other') ? [leaf, other] : [leaf];
@@ -130,13 +130,13 @@ function scenario(spec, near, far, missing = false) {
 
 const NEAR = ['a', 'b'];
 const FAR = ['c', 'd'];
-const places = ([spec, { flat, makes }]) => [
-  scenario(spec, [], []),
-  ...(flat ? [] : [scenario(spec, NEAR, FAR)]),
-  ...(makes ? [scenario(spec, NEAR, FAR, true)] : []),
+const places = ([row, { flat, makes }]) => [
+  scenario(row, [], []),
+  ...(flat ? [] : [scenario(row, NEAR, FAR)]),
+  ...(makes ? [scenario(row, NEAR, FAR, true)] : []),
 ];
 const scenarios = [
-  ...Object.entries(SPECS).flatMap(places),
+  ...Object.entries(ROWS).flatMap(places),
   {
     ...scenario('exists leaf, nothing', NEAR, FAR),
     name: 'exists a/b/leaf, an ancestor missing',
