@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -41,6 +42,28 @@ bool ConfirmOpened(napi_env env, const char* point, int dirFd, const std::string
 
 bool IsSelfOrParent(const char* name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+// A name with its first bytes as a number, which settles most comparisons without a look at the
+// name.
+struct KeyedName {
+  uint64_t firstBytes;
+  const char* name;
+};
+
+// The first one highest; zeros behind a shorter name.
+uint64_t FirstBytes(const char* name) {
+  uint64_t bytes = 0;
+  for (int shift = 56; shift >= 0 && *name != '\0'; shift -= 8) {
+    bytes |= uint64_t{static_cast<uint8_t>(*name++)} << shift;
+  }
+  return bytes;
+}
+
+// strcmp compares unsigned bytes and puts a prefix first, whatever the locale.
+bool IsBefore(const KeyedName& a, const KeyedName& b) {
+  if (a.firstBytes != b.firstBytes) return a.firstBytes < b.firstBytes;
+  return std::strcmp(a.name, b.name) < 0;
 }
 
 }  // namespace
@@ -103,14 +126,15 @@ bool ReadNames(napi_env env, int dirFd, Names* names) {
   stream.reset();
   if (readError != 0) return RefuseErrno(env, readError);
 
-  names->sorted.reserve(count);
+  std::vector<KeyedName> keyed;
+  keyed.reserve(count);
   const char* name = names->block.data();
   for (size_t index = 0; index < count; ++index, name += std::strlen(name) + 1) {
-    names->sorted.push_back(name);
+    keyed.push_back({FirstBytes(name), name});
   }
-  // strcmp compares unsigned bytes and puts a prefix first, whatever the locale.
-  std::sort(names->sorted.begin(), names->sorted.end(),
-            [](const char* a, const char* b) { return std::strcmp(a, b) < 0; });
+  std::sort(keyed.begin(), keyed.end(), IsBefore);
+  names->sorted.reserve(count);
+  for (const KeyedName& entry : keyed) names->sorted.push_back(entry.name);
   return true;
 }
 
