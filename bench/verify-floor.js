@@ -1,0 +1,101 @@
+'use strict';
+
+// Proves with strace that the floor makes the module's system calls: the same ones in the same
+// order, on the same files, with the same flags and results. Only what a call returns in memory is
+// left out, and the memory that either of them asks for.
+
+const { execFileSync } = require('node:child_process');
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
+const { stand } = require('./stand.js');
+const { onTree, workloads } = require('./workloads.js');
+
+const MARK = '/proc/self/tarvek-mark';
+const chosen = [
+  ...workloads(true).filter(({ kind, medium }) => kind === 'small' && medium === 'memory'),
+  onTree('capture', 50),
+  onTree('snapshot', 50),
+];
+
+// In the process that strace watches: marks where each stand's calls begin and end.
+function act(base) {
+  for (const [index, workload] of chosen.entries()) {
+    for (const subject of ['tarvek', 'floor']) {
+      const place = path.join(base, String(index));
+      const { run, prepare, close } = stand(subject, { ...workload, shared: false }, place);
+      prepare();
+      fs.existsSync(`${MARK} ${index} ${subject}`);
+      run(1);
+      fs.existsSync(MARK);
+      close();
+    }
+  }
+}
+
+// What is left of a line when all is gone that may differ.
+const plain = (line) =>
+  line
+    .replace(/\d+<([^>]*)>/g, '<$1>')
+    .replace(/0x[0-9a-f]{6,}/g, 'memory')
+    .replace(/\b(tarvek|floor)(?=["/>])/g, 'subject')
+    .replace(/\.tarvek-[^"> ]*/g, 'temporary')
+    .replace(/getrandom\("[^"]*"/, 'getrandom(random');
+
+function callsByStand(trace) {
+  const calls = new Map();
+  let current;
+  for (const line of trace.split('\n')) {
+    if (!line.includes(MARK)) {
+      current?.push(plain(line));
+      continue;
+    }
+    const [, stand] = new RegExp(`${MARK} ([^"]*)`).exec(line) ?? [];
+    current = stand && [];
+    if (stand) calls.set(stand, current);
+  }
+  return calls;
+}
+
+function differences(calls) {
+  return chosen.flatMap(({ name }, index) => {
+    const [expected, actual] = ['tarvek', 'floor'].map((subject) =>
+      calls.get(`${index} ${subject}`),
+    );
+    const at = expected.findIndex((call, nth) => call !== actual[nth]);
+    if (at < 0 && expected.length === actual.length) return [];
+    const [nth, ...lines] = [Math.max(at, 0), expected, actual];
+    return [`${name}: call ${nth}`, ...lines.map((list) => `  ${list[nth] ?? 'no more'}`)];
+  });
+}
+
+function main() {
+  const base = fs.mkdtempSync(path.join(fs.realpathSync(os.tmpdir()), 'verify-'));
+  try {
+    const trace = path.join(base, 'trace');
+    const strace = [
+      '-o',
+      trace,
+      '-y',
+      '-a',
+      '1',
+      '-s',
+      '80',
+      '-e',
+      'trace=!%memory,futex',
+      '-e',
+      'verbose=none',
+    ];
+    execFileSync('strace', [...strace, process.execPath, __filename, base], { stdio: 'inherit' });
+    const calls = callsByStand(fs.readFileSync(trace, 'latin1'));
+    const different = differences(calls);
+    const count = chosen.reduce((sum, _, index) => sum + calls.get(`${index} tarvek`).length, 0);
+    console.log(`${chosen.length} workloads, ${count} calls of the module`);
+    if (different.length > 0) throw new Error(`the floor differs\n${different.join('\n')}`);
+  } finally {
+    fs.rmSync(base, { recursive: true });
+  }
+}
+
+if (process.argv[2]) act(process.argv[2]);
+else main();

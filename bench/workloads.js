@@ -1,0 +1,139 @@
+'use strict';
+
+// What is measured. A workload is a layout on disk and the calls made on it:
+//
+//   name, operation, kind   `kind` groups workloads for the targets
+//   level                   how many segments its paths have
+//   medium                  'memory' for CPU time on a tmpfs, 'disk' for wall time on a disk
+//   floor                   the floor's name for the operation on such a layout
+//   subjects                the module is compared with
+//   layout                  what is in the root: an object is a directory, all else a file
+//   calls(place)            argument lists without the handle; `place.at(...names)` is a path
+//   once                    its calls use the layout up, so it is laid anew before every round
+//   shared                  it changes nothing, so that one layout serves all subjects
+
+const fs = require('node:fs');
+
+const BODY = Buffer.alloc(100, 'x');
+const KIB = Buffer.alloc(1024, 'k');
+const MIB = Buffer.alloc(1024 ** 2, 'm');
+const LEVELS = ['one', 'two', 'three', 'four', 'five'];
+const LEAVES_USED_UP = { memory: 100, disk: 10 };
+const ALL = ['floor', 'node:fs', 'JavaScript only'];
+const PER_FILE = 'itself at 1,000 files';
+
+const numbered = (count, prefix, content) =>
+  Object.fromEntries(Array.from({ length: count }, (_, i) => [`${prefix}${i}`, content]));
+const beneath = (directories, content) =>
+  directories.reduceRight((inner, name) => ({ [name]: inner }), content);
+// In directories of a thousand files, the last one with the rest.
+function tree(files, body) {
+  const rest = files % 1000 || 1000;
+  const full = numbered(Math.ceil(files / 1000) - 1, 'directory', numbered(1000, 'file-', body));
+  return { ...full, last: numbered(rest, 'file-', body) };
+}
+
+// On an open descriptor of the file, which keeps leading to it when its name changes.
+function publications(leaf, other, place) {
+  place.candidate ??= fs.openSync(place.at(...leaf), 'r');
+  return [
+    [place.candidate, leaf, other, BODY],
+    [place.candidate, other, leaf, BODY],
+  ];
+}
+
+// Operation, what is at a leaf, the calls on it. `other` stands beside it; what is moved there is
+// moved back.
+const REPEATED = [
+  ['openRoot', {}, (leaf, _, place) => [[place.at(...leaf)]]],
+  ['openRelative', {}, (leaf) => [[leaf]]],
+  ['exists', BODY, (leaf) => [[leaf]]],
+  ['read', BODY, (leaf) => [[leaf]]],
+  ['list', numbered(10, 'name', BODY), (leaf) => [[leaf]]],
+  ['write', BODY, (leaf) => [[leaf, BODY]]],
+  ['append', BODY, (leaf) => [[leaf, 0, 0, BODY]]],
+  ['ensureDirectory, existing', {}, (leaf) => [[leaf]]],
+  [
+    'move',
+    BODY,
+    (leaf, other) => [leaf, other].map((from) => [from, from === leaf ? other : leaf]),
+  ],
+  ['publishVerified', BODY, publications],
+  ['capture', BODY, (leaf) => [[[leaf]]]],
+  ['snapshot', { file: BODY }, (leaf) => [[leaf]]],
+];
+const ONCE = [
+  ['create', undefined, (leaf) => [leaf, BODY]],
+  ['ensureDirectory', undefined, (leaf) => [leaf]],
+  ['ensureRelativeSymlink', undefined, (leaf, target) => [leaf, target]],
+  ['remove', BODY, (leaf) => [leaf]],
+  ['remove, a directory', numbered(10, 'name', BODY), (leaf) => [leaf]],
+  ['removeIfEquals', BODY, (leaf) => [leaf, BODY]],
+];
+
+function small([name, content, calls], level, medium) {
+  const once = !REPEATED.some(([repeated]) => repeated === name);
+  const directories = LEVELS.slice(0, level - 1);
+  const leaves = Object.keys(numbered(once ? LEAVES_USED_UP[medium] : 1, 'leaf', 0));
+  const paths = leaves.map((leaf) => [...directories, leaf]);
+  const other = [...directories, 'other'];
+  const entries = content ? leaves.map((leaf) => [leaf, content]) : [];
+  if (name === 'ensureRelativeSymlink') entries.push(['other', {}]);
+  const operation = name.split(',')[0];
+  return {
+    name: `${name}, ${level === 1 ? 'one level' : 'six levels'}`,
+    ...{ operation, kind: 'small', level, medium, once },
+    floor: name === 'remove, a directory' ? operation : name,
+    subjects: name === 'write' ? [...ALL, 'write-file-atomic'] : ALL,
+    layout: beneath(directories, Object.fromEntries(entries)),
+    calls: (place) =>
+      once ? paths.map((leaf) => calls(leaf, other)) : calls(paths[0], other, place),
+  };
+}
+
+function onLeaf(name, content, more) {
+  const operation = name.split(' ')[0];
+  const calls = () => [operation === 'capture' ? [[['leaf']]] : [['leaf']]];
+  const fixed = { name, operation, floor: operation, calls, level: 1, medium: 'memory' };
+  return {
+    ...fixed,
+    kind: 'bulk',
+    shared: true,
+    subjects: ALL,
+    layout: { leaf: content },
+    ...more,
+  };
+}
+
+const counted = (number) => number.toLocaleString('en');
+
+function onTree(operation, files) {
+  const subjects = files > 50_000 ? ALL.slice(0, 2) : ALL;
+  const name = `${operation} of ${counted(files)} files of 1 KiB`;
+  const workload = onLeaf(name, tree(files, KIB), { kind: 'tree', files, subjects });
+  if (operation !== 'capture' || files < 200_000) return workload;
+  const layout = { ...workload.layout, small: tree(1000, KIB) };
+  return { ...workload, layout, subjects: [...subjects, PER_FILE] };
+}
+
+function workloads(quick) {
+  const onDisk = ([name]) => ['write', 'create', 'append', 'move'].includes(name);
+  const inMemory = [...REPEATED, ...ONCE];
+  const trees = quick ? [1000] : [1000, 10_000, 50_000, 200_000];
+  return [
+    ...[1, 6].flatMap((level) => inMemory.map((spec) => small(spec, level, 'memory'))),
+    ...[1, 6].flatMap((level) => inMemory.filter(onDisk).map((spec) => small(spec, level, 'disk'))),
+    onLeaf('read of 4 KiB', Buffer.alloc(4096, 'r'), { kind: 'one file' }),
+    onLeaf('read of 1 MiB', MIB, {}),
+    onLeaf('read of 64 MiB', Buffer.alloc(64 * 1024 ** 2, 'r'), {}),
+    ...[1000, 20_000].map((names) =>
+      onLeaf(`list of ${counted(names)} names`, numbered(names, 'name-', ''), { kind: 'tree' }),
+    ),
+    ...['capture', 'snapshot'].flatMap((operation) => [
+      ...trees.map((files) => onTree(operation, files)),
+      onLeaf(`${operation} of 200 files of 1 MiB`, tree(200, MIB), {}),
+    ]),
+  ];
+}
+
+module.exports = { workloads, onTree, tree, MIB, PER_FILE };
