@@ -31,7 +31,7 @@ const FAILURES =
   `outside missing storage candidate exists removal append entry link hardLink special
   replacedFile duplicate changed replacedDirectory changedDirectory`.split(/\s+/);
 const MILLISECONDS = process.env.TARVEK_TEST_FULL === '1' ? 1500 : 200;
-const ENOUGH = { swaps: 1000, succeeded: 20, refused: 3 };
+const ENOUGH = { swaps: 500, succeeded: 20, refused: 3 };
 const CANARY = 'a canary from outside';
 const outside = path.join(place.base, 'outside');
 const mirrored = (name) => path.join(outside, 'mirror', name);

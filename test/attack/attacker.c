@@ -29,9 +29,9 @@ static volatile sig_atomic_t stopped;
 
 static void Stop(int number) { stopped = number; }
 
-// For times of all magnitudes up to some microseconds, as the windows of a victim are.
+// For times of all magnitudes up to some ten microseconds, as the windows of a victim are.
 static void Rest(void) {
-  for (volatile int left = 1 << rand() % 12; left > 0; --left) continue;
+  for (volatile int left = 1 << rand() % 14; left > 0; --left) continue;
 }
 
 static int Swap(int dirA, const char* a, int dirB, const char* b, int flags) {
