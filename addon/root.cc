@@ -103,6 +103,15 @@ bool Args(napi_env env, napi_callback_info info, const Root** root, Segments* se
   return true;
 }
 
+bool ArgsOfTwoPaths(napi_env env, napi_callback_info info, const Root** root, Segments* first,
+                    Segments* second) {
+  const CallArguments<3> call(env, info);
+  *root = call.count == 3 ? GetRoot(env, call.values[0]) : nullptr;
+  const bool good = *root != nullptr && GetSegments(env, call.values[1], first) &&
+                    GetSegments(env, call.values[2], second);
+  return good || Refuse(env, kOutOfRoot);
+}
+
 napi_value RootHandleAt(napi_env env, int startFd, std::span<const std::string> names,
                         std::span<const Identity> identities, const Descriptor& directory) {
   if (!ValidateChain(startFd, names, identities)) return Throw(env, kOutOfRoot);

@@ -26,6 +26,11 @@ const Root* GetRoot(napi_env env, napi_value value);
 // faults are found is part of the interface: count, segments, handle. False: it has thrown.
 bool Args(napi_env env, napi_callback_info info, const Root** root, Segments* segments);
 
+// The arguments (handle, segments, segments) of those that take two paths. Every fault, a closed
+// handle included, is a refusal of the path. False: it has thrown.
+bool ArgsOfTwoPaths(napi_env env, napi_callback_info info, const Root** root, Segments* first,
+                    Segments* second);
+
 // Ends a walk of `names` from `startFd` that arrived at `directory`: proves the whole chain once
 // more and returns a new handle on the directory. Null: it has thrown.
 napi_value RootHandleAt(napi_env env, int startFd, std::span<const std::string> names,

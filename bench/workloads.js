@@ -121,8 +121,10 @@ function workloads(quick) {
   const inMemory = [...REPEATED, ...ONCE];
   const trees = quick ? [1000] : [1000, 10_000, 50_000, 200_000];
   return [
-    ...[1, 6].flatMap((level) => inMemory.map((spec) => small(spec, level, 'memory'))),
-    ...[1, 6].flatMap((level) => inMemory.filter(onDisk).map((spec) => small(spec, level, 'disk'))),
+    ...[1, 6].flatMap((level) => inMemory.map((workload) => small(workload, level, 'memory'))),
+    ...[1, 6].flatMap((level) =>
+      inMemory.filter(onDisk).map((workload) => small(workload, level, 'disk')),
+    ),
     onLeaf('read of 4 KiB', Buffer.alloc(4096, 'r'), { kind: 'one file' }),
     onLeaf('read of 1 MiB', MIB, {}),
     onLeaf('read of 64 MiB', Buffer.alloc(64 * 1024 ** 2, 'r'), {}),

@@ -52,14 +52,10 @@ bool TargetIsDirectory(napi_env env, const Root& root, const Segments& target) {
 }  // namespace
 
 napi_value EnsureRelativeSymlink(napi_env env, napi_callback_info info) {
-  const CallArguments<3> call(env, info);
-  const Root* root = call.count == 3 ? GetRoot(env, call.values[0]) : nullptr;
+  const Root* root = nullptr;
   Segments link;
   Segments target;
-  if (root == nullptr || !GetSegments(env, call.values[1], &link) ||
-      !GetSegments(env, call.values[2], &target)) {
-    return Throw(env, kOutOfRoot);
-  }
+  if (!ArgsOfTwoPaths(env, info, &root, &link, &target)) return nullptr;
   if (!TargetIsDirectory(env, *root, target)) return nullptr;
   const std::string text = LinkText(link, target);
 

@@ -19,14 +19,10 @@
 namespace tarvek {
 
 napi_value Move(napi_env env, napi_callback_info info) {
-  const CallArguments<3> call(env, info);
-  const Root* root = call.count == 3 ? GetRoot(env, call.values[0]) : nullptr;
+  const Root* root = nullptr;
   Segments from;
   Segments to;
-  if (root == nullptr || !GetSegments(env, call.values[1], &from) ||
-      !GetSegments(env, call.values[2], &to)) {
-    return Throw(env, kOutOfRoot);
-  }
+  if (!ArgsOfTwoPaths(env, info, &root, &from, &to)) return nullptr;
   Parent source;
   Parent destination;
   if (!OpenBothParents(env, *root, from, to, &source, &destination)) return nullptr;

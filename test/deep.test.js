@@ -83,7 +83,10 @@ test('memory that suffices for the bytes and not for their Buffer ends in a fail
   const calls = { read: ['f'], capture: [['f']] };
   const expectAll = (expected) => {
     for (const [name, path] of Object.entries(calls)) {
-      expectOutcome(expected, thrownBy(() => tarvek[name](handle, path)));
+      expectOutcome(
+        expected,
+        thrownBy(() => tarvek[name](handle, path)),
+      );
     }
   };
   const [, used] = /VmSize:\s+(\d+)/.exec(fs.readFileSync('/proc/self/status', 'utf8'));
