@@ -48,9 +48,8 @@ bool GetAppendCall(napi_env env, const CallArguments<5>& call, AppendCall* out) 
 }
 
 // Another process that removes or replaces the file over and over can make the open miss it; such
-// misses are tried again a few times. Without O_NONBLOCK, on purpose: the flag would stay on the
-// descriptor, and a FIFO put there meanwhile makes the call wait for a reader. Empty: errno says
-// why.
+// misses are tried again a few times. Without O_NONBLOCK, as the interface has it: a FIFO put there
+// meanwhile makes the call wait for a reader. Empty: errno says why.
 Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
   Descriptor file;
   for (int attempt = 0; attempt < kOpenAttempts && !file.IsOpen(); ++attempt) {
