@@ -2,6 +2,8 @@
 
 // Runs test files on the sanitizer build: node scripts/test-asan.js FILE...
 // Fails when a test fails, when a sanitizer reports a fault, or when memory of the module leaked.
+// Leaves out the crash tests: they go on in copies of the process, and there the runtime's allocator
+// waits for ever for a lock that a thread without a copy held.
 
 const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -58,7 +60,7 @@ function faultsIn(report) {
 }
 
 try {
-  const status = runTests(process.argv.slice(2));
+  const status = runTests(process.argv.slice(2).filter((file) => !/\bcrash\b/.test(file)));
   const faults = fs
     .readdirSync(reports)
     .flatMap((name) => faultsIn(fs.readFileSync(path.join(reports, name), 'utf8')));
