@@ -1,7 +1,6 @@
 #include "addon/arguments.h"
 
 #include <algorithm>
-#include <string_view>
 #include <utility>
 
 namespace tarvek {
@@ -26,10 +25,11 @@ void GetLongString(napi_env env, napi_value value, std::string* out) {
   out->resize(length);
 }
 
+bool IsForbidden(char byte) { return byte == '/' || byte == '\\' || byte == '\0'; }
+
 bool IsSegment(const std::string& name) {
-  constexpr std::string_view kForbidden{"/\\\0", 3};
   return !name.empty() && name != "." && name != ".." &&
-         name.find_first_of(kForbidden) == std::string::npos;
+         std::none_of(name.begin(), name.end(), IsForbidden);
 }
 
 }  // namespace

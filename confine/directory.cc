@@ -44,12 +44,22 @@ bool IsSelfOrParent(const char* name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// A name with its first bytes as a number, which settles most comparisons without a look at the
-// name.
+// A name with a number made of its first bytes behind what all the names share: that settles nearly
+// every comparison without a look at the names.
 struct KeyedName {
-  uint64_t firstBytes;
+  uint64_t key;
   const char* name;
 };
+
+// How many bytes all of them begin with. A shorter name ends the comparison with its NUL.
+size_t SharedPrefix(const std::vector<const char*>& names) {
+  size_t length = names.empty() ? 0 : std::strlen(names.front());
+  for (const char* name : names) {
+    const char* const first = names.front();
+    length = static_cast<size_t>(std::mismatch(first, first + length, name).first - first);
+  }
+  return length;
+}
 
 // The first one highest; zeros behind a shorter name.
 uint64_t FirstBytes(const char* name) {
@@ -62,8 +72,18 @@ uint64_t FirstBytes(const char* name) {
 
 // strcmp compares unsigned bytes and puts a prefix first, whatever the locale.
 bool IsBefore(const KeyedName& a, const KeyedName& b) {
-  if (a.firstBytes != b.firstBytes) return a.firstBytes < b.firstBytes;
+  if (a.key != b.key) return a.key < b.key;
   return std::strcmp(a.name, b.name) < 0;
+}
+
+void SortNames(std::vector<const char*>* names) {
+  const size_t shared = SharedPrefix(*names);
+  std::vector<KeyedName> keyed;
+  keyed.reserve(names->size());
+  for (const char* name : *names) keyed.push_back({FirstBytes(name + shared), name});
+  std::sort(keyed.begin(), keyed.end(), IsBefore);
+  std::transform(keyed.begin(), keyed.end(), names->begin(),
+                 [](const KeyedName& entry) { return entry.name; });
 }
 
 }  // namespace
@@ -126,15 +146,12 @@ bool ReadNames(napi_env env, int dirFd, Names* names) {
   stream.reset();
   if (readError != 0) return RefuseErrno(env, readError);
 
-  std::vector<KeyedName> keyed;
-  keyed.reserve(count);
+  names->sorted.reserve(count);
   const char* name = names->block.data();
   for (size_t index = 0; index < count; ++index, name += std::strlen(name) + 1) {
-    keyed.push_back({FirstBytes(name), name});
+    names->sorted.push_back(name);
   }
-  std::sort(keyed.begin(), keyed.end(), IsBefore);
-  names->sorted.reserve(count);
-  for (const KeyedName& entry : keyed) names->sorted.push_back(entry.name);
+  SortNames(&names->sorted);
   return true;
 }
 

@@ -207,11 +207,21 @@ bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
   return true;
 }
 
-// The texts that every record shares.
+// The texts that every record shares. The keys are among them since one that is given as text is
+// looked up anew each time.
 struct RecordTexts {
   explicit RecordTexts(napi_env env)
-      : directory(String(env, "directory")), file(String(env, "file")) {}
+      : path(String(env, "path")),
+        type(String(env, "type")),
+        mode(String(env, "mode")),
+        body(String(env, "body")),
+        directory(String(env, "directory")),
+        file(String(env, "file")) {}
 
+  napi_value path;
+  napi_value type;
+  napi_value mode;
+  napi_value body;
   napi_value directory;
   napi_value file;
 };
@@ -221,12 +231,12 @@ napi_value Record(napi_env env, const RecordTexts& texts, const CaptureEntry& en
   napi_value mode = nullptr;
   napi_create_object(env, &record);
   napi_create_uint32(env, entry.mode & kPermissionBits, &mode);
-  napi_set_named_property(env, record, "path", String(env, entry.path));
-  napi_set_named_property(env, record, "type", entry.directory ? texts.directory : texts.file);
-  napi_set_named_property(env, record, "mode", mode);
+  napi_set_property(env, record, texts.path, String(env, entry.path));
+  napi_set_property(env, record, texts.type, entry.directory ? texts.directory : texts.file);
+  napi_set_property(env, record, texts.mode, mode);
   if (!entry.directory) {
     const napi_value body = BufferCopy(env, entry.body);
-    napi_set_named_property(env, record, "body", body);
+    napi_set_property(env, record, texts.body, body);
   }
   return record;
 }
