@@ -61,9 +61,10 @@ function repetitions({ once, run }, clock, milliseconds) {
 }
 
 // Microseconds a call, and how the first stand's compare with each other's. Takes about so many
-// seconds by its clock, but never less than the rounds that an interval needs. All stands repeat their calls
-// equally often, so that a cold start weighs equally on them.
-function measure(stands, medium, { seconds, milliseconds }) {
+// seconds by its clock, but never less than the rounds that an interval needs. All stands repeat
+// their calls equally often, so that a cold start weighs equally on them. Short turns leave little
+// garbage, and collecting it before each would shake what follows far more than leaving it does.
+function measure(stands, medium, { seconds, milliseconds, tidy }) {
   const clock = clocks[medium];
   const times = stands.map(() => []);
   for (const stand of stands) stand.prepare();
@@ -74,8 +75,8 @@ function measure(stands, medium, { seconds, milliseconds }) {
     for (const index of round % 2 === 0 ? order : order.reverse()) {
       const { prepare, once, run, weight } = stands[index];
       prepare();
-      collectGarbage();
-      if (!once) run(Math.floor(repeat / 8));
+      if (tidy) collectGarbage();
+      if (!once) run(Math.ceil(repeat / 8));
       const time = timeOf(clock, () => run(repeat));
       times[index].push(time / (repeat * weight));
     }

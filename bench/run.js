@@ -27,11 +27,14 @@ const { quick, only, against } = parseArgs({
   },
 }).values;
 
+const isShort = (kind) => kind === 'small' || kind === 'one file';
+
 // The smaller a turn, the likelier it is that nothing interrupts it; what takes much memory needs
 // turns that use it more than once.
 const effort = ({ kind }) => ({
   seconds: quick ? 0.15 : 4,
-  milliseconds: (kind === 'small' ? 3 : 20) / (quick ? 2 : 1),
+  milliseconds: (isShort(kind) ? 3 : 20) / (quick ? 2 : 1),
+  tidy: !isShort(kind),
 });
 
 if (against) subjects['other build'] = require(path.resolve(against));
