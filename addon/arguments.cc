@@ -34,6 +34,9 @@ bool IsSegment(const std::string& name) {
 
 }  // namespace
 
+// Nothing makes the statuses below fail: each question suits any value, or the value that another
+// has just found. They are checked because an answer that was not given must not be taken for one.
+
 bool IsType(napi_env env, napi_value value, napi_valuetype expected) {
   napi_valuetype type = napi_undefined;
   return napi_typeof(env, value, &type) == napi_ok && type == expected;
@@ -67,11 +70,15 @@ bool StillHolds(napi_env env, napi_value value, const Bytes& bytes) {
   return GetBytes(env, value, &now) && now.data == bytes.data && now.length == bytes.length;
 }
 
-bool GetSegments(napi_env env, napi_value value, Segments* out) {
+bool GetLength(napi_env env, napi_value value, uint32_t* length) {
   bool isArray = false;
   if (napi_is_array(env, value, &isArray) != napi_ok || !isArray) return false;
+  return napi_get_array_length(env, value, length) == napi_ok && *length > 0;
+}
+
+bool GetSegments(napi_env env, napi_value value, Segments* out) {
   uint32_t length = 0;
-  if (napi_get_array_length(env, value, &length) != napi_ok || length == 0) return false;
+  if (!GetLength(env, value, &length)) return false;
   out->reserve(std::min(length, kUsualDepth));
   for (uint32_t index = 0; index < length; ++index) {
     napi_value element = nullptr;

@@ -58,7 +58,8 @@ napi_value Throw(napi_env env, const Failure& failure);
 // errno straight after the failed call, before anything else can overwrite it.
 napi_value FailErrno(napi_env env, int errnum);
 
-// The same two for helpers that answer yes or no: throw, then false.
+// The same two for helpers that answer yes or no: throw, then false. Never true, so `holds ||
+// Refuse(...)` has a branch that no test reaches.
 inline bool Refuse(napi_env env, const Failure& failure) {
   Throw(env, failure);
   return false;

@@ -59,6 +59,7 @@ bool SplitPath(std::string_view path, Segments* components) {
 Root* RootBehind(napi_env env, napi_value value) {
   if (!IsType(env, value, napi_external)) return nullptr;
   void* data = nullptr;
+  // Fails for values of other types only, which is settled.
   if (napi_get_value_external(env, value, &data) != napi_ok) return nullptr;
   return static_cast<Root*>(data);
 }
@@ -78,6 +79,7 @@ napi_value RootExternal(napi_env env, std::unique_ptr<Root> root) {
   if (!Hook(env, "external-create", "", 0)) return nullptr;
   napi_value handle = nullptr;
   if (napi_create_external(env, root.get(), RootFinalizer, nullptr, &handle) != napi_ok) {
+    // Not known to happen on Node: it ends the process rather than report that there is no memory.
     bool pending = false;
     napi_is_exception_pending(env, &pending);
     return pending ? nullptr : Throw(env, kStorageFailed);
@@ -116,6 +118,7 @@ napi_value RootHandleAt(napi_env env, int startFd, std::span<const std::string> 
                         std::span<const Identity> identities, const Descriptor& directory) {
   if (!ValidateChain(startFd, names, identities)) return Throw(env, kOutOfRoot);
   struct stat status;
+  // O_DIRECTORY has let nothing else through; a handle to anything else must not come about.
   if (::fstat(directory.Get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
     return Throw(env, kOutOfRoot);
   }

@@ -2,7 +2,8 @@
 
 // Proves with strace that the floor makes the module's system calls: the same ones in the same
 // order, on the same files, with the same flags and results. Only what a call returns in memory is
-// left out, and the memory that either of them asks for.
+// left out, and the memory that either of them asks for. So the module cannot make another call, or
+// flush another time, unless floor.cc says so too. Prints how many of both an operation takes.
 
 const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -82,15 +83,21 @@ function main() {
       '-s',
       '80',
       '-e',
-      'trace=!%memory,futex',
+      // What the garbage collector calls as well, and whenever it likes.
+      'trace=!%memory,futex,getpid',
       '-e',
       'verbose=none',
     ];
     execFileSync('strace', [...strace, process.execPath, __filename, base], { stdio: 'inherit' });
     const calls = callsByStand(fs.readFileSync(trace, 'latin1'));
     const different = differences(calls);
-    const count = chosen.reduce((sum, _, index) => sum + calls.get(`${index} tarvek`).length, 0);
-    console.log(`${chosen.length} workloads, ${count} calls of the module`);
+    for (const [index, workload] of chosen.entries()) {
+      const made = calls.get(`${index} tarvek`);
+      const flushes = made.filter((call) => call.startsWith('fsync('));
+      const times = workload.calls({ at: path.join, candidate: 0 }).length;
+      const [all, flushed] = [made, flushes].map((list) => list.length / times);
+      console.log(`${workload.name}: ${all} calls, ${flushed} of them flushes`);
+    }
     if (different.length > 0) throw new Error(`the floor differs\n${different.join('\n')}`);
   } finally {
     fs.rmSync(base, { recursive: true });

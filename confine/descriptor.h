@@ -20,10 +20,8 @@ class Descriptor {
   explicit Descriptor(int fd) : fd_(fd) {}
   Descriptor(Descriptor&& other) noexcept : fd_(other.Release()) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-      Close();
-      fd_ = other.Release();
-    }
+    Close();
+    fd_ = other.Release();
     return *this;
   }
   ~Descriptor() { Close(); }

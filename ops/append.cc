@@ -73,6 +73,7 @@ bool IsTheFileNamed(const struct stat& opened, const struct stat& named,
 bool LimitCount(napi_env env, napi_value asked, size_t* count) {
   if (!IsType(env, asked, napi_number)) return true;
   uint32_t limit = 0;
+  // The status cannot but be good for a number.
   if (napi_get_value_uint32(env, asked, &limit) != napi_ok || limit == 0) return false;
   *count = std::min<size_t>(*count, limit);
   return true;

@@ -81,6 +81,7 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
   if (!file.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
   if (::fstat(file.Get(), &opened) != 0) return RefuseErrno(env, errno);
+  // No file system of today reports a negative size, but none would be safe to ask memory for.
   if (!IsSoleFile(opened) || !SameStableMetadata(named, opened) || opened.st_size < 0) {
     return Refuse(env, kSourceReplaced);
   }
@@ -193,10 +194,8 @@ bool CapturePath(napi_env env, const Root& root, const Segments& segments, Captu
 
 // Every element is converted before anything is opened. False: one was refused.
 bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
-  bool isArray = false;
-  if (napi_is_array(env, value, &isArray) != napi_ok || !isArray) return false;
   uint32_t length = 0;
-  if (napi_get_array_length(env, value, &length) != napi_ok || length == 0) return false;
+  if (!GetLength(env, value, &length)) return false;
   for (uint32_t index = 0; index < length; ++index) {
     napi_value element = nullptr;
     napi_get_element(env, value, index, &element);
