@@ -1,54 +1,56 @@
 'use strict';
 
-// What each operation makes of the values that it is called with, before it touches anything.
+// What each operation makes of the values that it is called with, before it touches anything; what
+// a handle stands for; and the hook.
 
 const assert = require('node:assert/strict');
-const { OLD, BYTES, THROWN, lines, fresh, prepare, assertTree } = require('./support/harness.js');
-const { attempt, thrower, expectThrown, expectCall, each, cases } = require('./support/harness.js');
+const fs = require('node:fs');
+const { OLD, BYTES, lines, fresh, prepare, thrownBy } = require('./support/harness.js');
+const { assertTree, attempt, expectThrough, expectCall } = require('./support/harness.js');
+const { each, cases } = require('./support/harness.js');
+const { identityOf } = require('./support/scenarios.js');
 const tarvek = require('./support/tarvek.js');
 
-// A call, what its arguments are, and the order in which bad ones are noticed, behind the failure
+// Calls, what their arguments are, and the order in which bad ones are noticed, behind the failure
 // that they give. A wrong count comes before all of them, with the first failure.
-const ARGS = 'outside segments closed handle';
 const operations = lines(`
-  open @                            path                                      outside path
-  openRoot @                        path                                      outside path
-  rootIdentity                      handle                                    closed handle
-  openRelative f                    handle segments                           ${ARGS}
-  exists f                          handle segments                           ${ARGS}
-  read f                            handle segments                           ${ARGS}
-  list f                            handle segments                           ${ARGS}
-  snapshot f                        handle segments                           ${ARGS}
-  ensureDirectory f                 handle segments                           ${ARGS}
-  remove f                          handle segments                           ${ARGS}
-  write f NEW stage                 handle segments body stage                outside handle segments storage stage body
-  create f NEW stage                handle segments body stage                outside handle segments storage stage body
-  append f 0 0 NEW                  handle segments size size body            storage handle segments size body
-  removeIfEquals f OLD              handle segments body                      storage handle segments body
-  move f g                          handle segments segments                  outside handle segments
-  ensureRelativeSymlink f g         handle segments segments                  outside handle segments
-  publishVerified fd:f f g OLD      handle descriptor segments segments body  outside handle descriptor segments body
-  capture f                         handle paths                              outside handle paths
-  exchangeForTest =f =g             handle name name                          outside handle name`).map(
-  ([words, kinds, order]) => [words, kinds.split(' '), order.split(' ')],
-);
+  open|openRoot @                  path                                      outside path
+  close                            external                                  storage external
+  rootIdentity                     handle                                    closed handle
+  openRelative|exists|read|list f  handle segments                           outside segments closed handle
+  snapshot|ensureDirectory f       handle segments                           outside segments closed handle
+  remove f                         handle segments                           outside segments closed handle
+  write|create f NEW stage         handle segments body stage                outside handle segments storage stage body
+  append f 0 0 NEW                 handle segments size size body            storage handle segments size body
+  removeIfEquals f OLD             handle segments body                      storage handle segments body
+  move|ensureRelativeSymlink f g   handle segments segments                  outside handle segments
+  publishVerified fd:f f g OLD     handle descriptor segments segments body  outside handle descriptor segments body
+  capture f                        handle paths                              outside handle paths
+  exchangeForTest =f =g            handle name name                          outside handle name`);
+const LAYOUT = { f: OLD, g: {} };
+const calls = operations.flatMap(([words, kinds, order]) => {
+  const [operations, ...args] = words.split(' ');
+  const callsOf = operations.split('|').map((operation) => [operation, ...args].join(' '));
+  return callsOf.map((call) => [call, LAYOUT, call, kinds.split(' '), order.split(' ')]);
+});
 const failureOf = (order, kind) =>
   order.slice(0, order.indexOf(kind)).findLast((word) => /^(outside|storage|closed)$/.test(word));
 
-const LAYOUT = { f: OLD, g: {} };
 const NEITHER = [undefined, null, true, 1, 'f', Symbol('f'), 1n, {}, () => {}];
 const without = (type) => NEITHER.filter((value) => typeof value !== type);
 const NAMES = ['', '.', '..', 'a/b', '/', 'f/'];
-const NO_ARRAYS = [...NEITHER, { 0: 'f', length: 1 }];
-const NO_PATHS = [[], [1], [['f']], [new String('f')], [undefined], Array(3)];
 const NO_NAMES = [...NAMES, 'a\\b', '\\', 'a\0b', '\0'];
-const BAD_PATHS = NO_NAMES.flatMap((name) => [[name], ['f', name], [name, 'f']]);
-const SEGMENTS = [...NO_ARRAYS, ...NO_PATHS, ...BAD_PATHS];
+const SEGMENTS = [
+  ...[...NEITHER, { 0: 'f', length: 1 }],
+  ...[[], [1], [['f']], [new String('f')], [undefined], Array(3)],
+  ...NO_NAMES.flatMap((name) => [[name], ['f', name], [name, 'f']]),
+];
 const ABSOLUTE =
   '/ // /tmp/ //tmp /tmp//x /tmp/./x /tmp/../x /nowhere/.. /. /.. /tmp\\x /tmp/\0/x /x\0';
 const CLOSED = {};
 const BAD = {
   path: [...without('string'), '', 'f', ...ABSOLUTE.split(' ')],
+  external: NEITHER,
   handle: [...NEITHER, CLOSED],
   segments: SEGMENTS,
   paths: [...NEITHER, [], ['f'], ...SEGMENTS.map((path) => [['f'], path])],
@@ -78,8 +80,6 @@ function* wrongCalls(args, kinds, order) {
   }
 }
 
-const calls = operations.map(([words, ...rest]) => [words, LAYOUT, words, ...rest]);
-
 each('a wrong argument is all that matters', calls, (ctx, words, kinds, order) => {
   const closed = tarvek.openRoot(ctx.root);
   tarvek.close(closed);
@@ -92,62 +92,43 @@ each('a wrong argument is all that matters', calls, (ctx, words, kinds, order) =
 });
 
 // The calls, by the place of a path in them: callWith(path) is the call with it.
-const withPaths = operations.flatMap(([words, kinds, order]) =>
+const withPaths = calls.flatMap(([, , words, kinds, order]) =>
   kinds.flatMap((kind, index) => {
-    const nested = kind === 'paths';
-    if (!nested && kind !== 'segments') return [];
     const callWith = (ctx, path) => {
       const [operation, args] = prepare(ctx, words);
-      return [operation, put(args, index, nested ? [path] : path)];
+      return [operation, put(args, index, kind === 'paths' ? [path] : path)];
     };
-    return [[`${words}, argument ${index}`, LAYOUT, callWith, order]];
+    const isPath = kind === 'paths' || kind === 'segments';
+    return isPath ? [[`${words}, argument ${index}`, LAYOUT, callWith, order]] : [];
   }),
 );
 const got = (get) => Object.defineProperty(['f'], 0, { get });
 
-each('what an element getter throws is what is caught', withPaths, (ctx, callWith) => {
-  for (const value of THROWN) expectThrown(value, attempt(ctx, callWith(ctx, got(thrower(value)))));
+each('a path is too long, or throws, or closes the handle', withPaths, (ctx, callWith, order) => {
+  expectCall('storage', ctx, callWith(ctx, ['x'.repeat(256), 'leaf']));
+  expectThrough((thrower) => attempt(ctx, callWith(ctx, got(thrower))));
+  const path = got(() => tarvek.close(ctx.handle) ?? 'f');
+  // Seen at once, or by the walk.
+  expectCall(order.includes('closed') ? 'closed' : 'storage', ctx, callWith(ctx, path));
 });
-
-each(
-  'a getter closes the handle: seen at once, or by the walk',
-  withPaths,
-  (ctx, callWith, order) => {
-    const path = got(() => tarvek.close(ctx.handle) ?? 'f');
-    expectCall(order.includes('closed') ? 'closed' : 'storage', ctx, callWith(ctx, path));
-  },
-);
-
-each('a name is too long for the file system', withPaths, (ctx, callWith) =>
-  expectCall('storage', ctx, callWith(ctx, ['x'.repeat(256), 'leaf'])),
-);
 
 const ACCEPTED = [
   ...'..a ... .hidden -rf * ünï 語 😀 0 __proto__ constructor length'.split(' '),
-  ' ',
+  ...[' ', 'a b', '\n', '\x7f', ...[250, 251, 252, 255].map((length) => 'x'.repeat(length))],
+  ...['é'.repeat(127), `${'x'.repeat(250)}é`, '😀'.repeat(63)],
 ];
-ACCEPTED.push('a b', '\n', '\x7f', ...[250, 251, 252, 255].map((length) => 'x'.repeat(length)));
-ACCEPTED.push('é'.repeat(127), `${'x'.repeat(250)}é`, '😀'.repeat(63));
 const RAW = new Uint8Array([0, 1, 2, 253, 254, 255]);
 const VIEWS = [
   ...[Buffer.from(RAW), Buffer.from(RAW).subarray(2, 5), RAW.subarray(1, 4)],
-  ...[
-    new Uint16Array(RAW.buffer, 2, 2),
-    new DataView(RAW.buffer, 3, 2),
-    new DataView(RAW.buffer, 6),
-  ],
+  ...[new Uint16Array(RAW.buffer, 2, 2), new DataView(RAW.buffer, 3, 2)],
 ];
 
 cases('accepted', LAYOUT, {
-  'any other name, byte for byte': ({ handle }) => {
-    for (const name of ACCEPTED) tarvek.create(handle, ['d', name], Buffer.from(name));
-    const made = Object.fromEntries(ACCEPTED.map((name) => [name, fresh(name)]));
-    assertTree({ ...LAYOUT, d: fresh(made) });
-    for (const name of ACCEPTED) assert.equal(String(tarvek.read(handle, ['d', name])), name);
-  },
-  'a lone surrogate, as the replacement character': ({ handle }) => {
-    tarvek.create(handle, ['\ud800', 'a\udc00b'], BYTES.NEW);
-    assertTree({ ...LAYOUT, '\ufffd': fresh({ 'a\ufffdb': fresh(BYTES.NEW) }) });
+  'any other name, byte for byte; a lone surrogate as the replacement character': ({ handle }) => {
+    for (const name of [...ACCEPTED, 'a\udc00b']) tarvek.create(handle, ['d', name], BYTES.NEW);
+    const made = [...ACCEPTED, 'a\ufffdb'].map((name) => [name, fresh(BYTES.NEW)]);
+    assertTree({ ...LAYOUT, d: fresh(Object.fromEntries(made)) });
+    for (const name of ACCEPTED) assert.deepEqual(tarvek.read(handle, ['d', name]), BYTES.NEW);
   },
   'every view of bytes as a Buffer, for just its own range': ({ handle }) => {
     for (const view of VIEWS) {
@@ -158,5 +139,73 @@ cases('accepted', LAYOUT, {
       tarvek.removeIfEquals(handle, ['n'], new Uint8Array(Buffer.concat([bytes, bytes])));
     }
     assertTree(LAYOUT);
+  },
+});
+
+const NESTED = { a: { b: { c: OLD } } };
+
+cases('handles', NESTED, {
+  'the identity is two BigInts, in order, and taken once': ({ handle, root, base }) => {
+    const identity = Object.entries(tarvek.rootIdentity(handle));
+    assert.deepEqual(identity, Object.entries(identityOf(root)));
+    fs.renameSync(root, `${base}/elsewhere`);
+    fs.mkdirSync(root);
+    assert.deepEqual(Object.entries(tarvek.rootIdentity(handle)), identity);
+    assert.equal(tarvek.exists(handle, ['a']), true, 'the handle follows its directory');
+  },
+  'closing gives the descriptor back once': (ctx) => {
+    const handle = tarvek.openRoot(ctx.root);
+    assert.equal(tarvek.close(handle), undefined);
+    const reused = ctx.open(ctx.root);
+    assert.equal(tarvek.close(handle), undefined);
+    assert.equal(fs.fstatSync(reused).isDirectory(), true);
+    expectCall('closed', ctx, ['rootIdentity', [handle]]);
+  },
+  'a handle and the one that it was opened from do not need each other': ({ handle }) => {
+    const inner = tarvek.openRelative(handle, ['a', 'b']);
+    tarvek.close(tarvek.openRelative(handle, ['a', 'b']));
+    tarvek.close(handle);
+    assert.equal(String(tarvek.read(inner, ['c'])), OLD);
+    tarvek.close(inner);
+  },
+});
+
+// Fires at a, b and c.
+const exists = ({ handle }) => tarvek.exists(handle, ['a', 'b', 'c']);
+
+cases('setTestHook', NESTED, {
+  'callbacks get one argument, and the global object as this': (ctx) => {
+    const calls = [];
+    const callback = function (...args) {
+      calls.push([this === globalThis, args.length]);
+    };
+    tarvek.setTestHook(callback);
+    assert.equal(tarvek.write(ctx.handle, ['n'], BYTES.NEW, callback), undefined);
+    assert.deepEqual(calls, Array(6).fill([true, 1]));
+  },
+  'there is one for every handle, the last that was set': (ctx) => {
+    const fired = [];
+    const inner = tarvek.openRelative(ctx.handle, ['a']);
+    assert.equal(tarvek.setTestHook(assert.fail), undefined);
+    tarvek.setTestHook(({ segment }) => fired.push(segment), 'ignored');
+    tarvek.exists(inner, ['b']);
+    tarvek.close(inner);
+    exists(ctx);
+    assert.deepEqual(fired, ['b', 'a', 'b', 'c']);
+  },
+  'nothing, undefined and null remove it, and so does what is refused': (ctx) => {
+    for (const args of [[], [undefined], [null], [42], ['f'], [{}], [true], [Symbol('f')], [1n]]) {
+      tarvek.setTestHook(assert.fail);
+      const { thrown } = thrownBy(() => tarvek.setTestHook(...args));
+      assert.equal(thrown?.code, args[0] == null ? undefined : 'FILESYSTEM_FAILURE');
+      exists(ctx);
+    }
+  },
+  'it can be replaced and removed while it runs': (ctx) => {
+    const fired = [];
+    const second = () => fired.push('second') && tarvek.setTestHook();
+    tarvek.setTestHook(() => fired.push('first') && tarvek.setTestHook(second));
+    exists(ctx);
+    assert.deepEqual(fired, ['first', 'second']);
   },
 });

@@ -1,23 +1,73 @@
 'use strict';
 
 const assert = require('node:assert/strict');
+const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
+const os = require('node:os');
 const path = require('node:path');
 const test = require('node:test');
 const tarvek = require('tarvek');
+const { codes } = require('./support/harness.js');
+const { scenarios } = require('./support/scenarios.js');
+const built = require('./support/tarvek.js');
 
-const names = Object.getOwnPropertyNames(tarvek).sort();
+const EXPORTS =
+  `open openRoot openRelative close rootIdentity exists list capture snapshot read write
+  create append ensureDirectory ensureRelativeSymlink remove removeIfEquals move publishVerified
+  setTestHook exchangeForTest`.split(/\s+/);
+
+test('the module has just its functions, in order, which nobody can replace or enumerate', () => {
+  const properties = Object.getOwnPropertyDescriptors(built);
+  assert.deepEqual(Reflect.ownKeys(properties), EXPORTS);
+  for (const [name, { value, ...flags }] of Object.entries(properties)) {
+    assert.equal(typeof value, 'function', name);
+    assert.deepEqual(flags, { writable: false, enumerable: false, configurable: false }, name);
+  }
+  assert.notEqual(built.open, built.openRoot);
+});
 
 test('import gives what require gives, by name and as the default', async () => {
   const { default: all, ...named } = await import('tarvek');
   assert.equal(all, tarvek);
-  assert.deepEqual(named, Object.fromEntries(names.map((name) => [name, tarvek[name]])));
+  assert.deepEqual(named, Object.fromEntries(EXPORTS.map((name) => [name, tarvek[name]])));
 });
 
-test('the types declare every function, and no other, each with its comment', () => {
+test('the types declare every function, with a comment, and every point, stage and code', () => {
   const types = fs.readFileSync(path.join(__dirname, '..', 'index.d.ts'), 'utf8');
-  const declared = [...types.matchAll(/^(.*\*\/\n)?export function (\w+)/gm)];
-  assert.deepEqual(declared.map(([, , name]) => name).sort(), names);
-  const undocumented = declared.filter(([, comment]) => !comment).map(([, , name]) => name);
-  assert.deepEqual(undocumented, []);
+  const declared = Array.from(types.matchAll(/^(.*\*\/\n)?export function (\w+)/gm));
+  assert.deepEqual(declared.map(([, , name]) => name).sort(), [...EXPORTS].sort());
+  for (const [, comment, name] of declared) assert.ok(comment, name);
+  const unions = ['HookPoint', 'WriteStage', 'ErrorCode'].map((name) => `export type ${name} =`);
+  const members = unions.flatMap((type) =>
+    types
+      .split(type)[1]
+      .split(';')[0]
+      .match(/[\w-]+/g),
+  );
+  const points = scenarios.flatMap(({ hooks }) => hooks.map(([point]) => point));
+  assert.deepEqual(members.sort(), [...new Set([...points, ...codes])].sort());
 });
+
+const cwd = fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-examples-'));
+test.after(() => fs.rmSync(cwd, { recursive: true }));
+fs.mkdirSync(path.join(cwd, 'real', 'd'), { recursive: true });
+for (const link of ['real/d/link', 'alias']) fs.symlinkSync('real', path.join(cwd, link));
+const env = { ...process.env, TMPDIR: cwd, NODE_TEST_CONTEXT: undefined };
+const outputs = {
+  journal: /recovered: \[{"amount":5},{"amount":-2},{"amount":8}\].*OPTIMISTIC_CONFLICT/s,
+  release: /: 1\.1\.0, app.js and index.html.*refused.*: 1\.1\.0.*: 00000003\ncurrent: 1\.0\.0/s,
+  'race-test': /pass 15\n.*fail 0\n/s,
+  tour: /leaks.*All \d+ steps went as they should/s,
+  'tour alias': /alias leads there through a symbolic link.* d\/link is a symbolic link/s,
+  'tour nowhere': /cannot start at .*nowhere: there is no such directory/,
+};
+for (const [example, output] of Object.entries(outputs)) {
+  test(`the example ${example}`, () => {
+    const [name, ...args] = example.split(' ');
+    const all = [require.resolve(`../examples/${name}.js`), ...args];
+    const run = spawnSync(process.execPath, all, { cwd, env, encoding: 'utf8' });
+    assert.match(run.stdout + run.stderr, output);
+    assert.equal(run.status, args[0] === 'nowhere' ? 1 : 0);
+    assert.deepEqual(fs.readdirSync(cwd).sort(), ['alias', 'real'], 'what it made is gone');
+  });
+}

@@ -10,8 +10,7 @@ const test = require('node:test');
 const tarvek = require('./tarvek.js');
 
 // The lines of a table, split where two blanks or more stand.
-const cells = (line) => line.trim().split(/ {2,}/);
-const lines = (text) => text.trim().split('\n').map(cells);
+const lines = (text) => Array.from(text.trim().split('\n'), (line) => line.trim().split(/ {2,}/));
 
 const FAILURES = lines(`
   outside            PATH_OUT_OF_ROOT     Path validation refused outside the permitted root
@@ -31,10 +30,11 @@ const FAILURES = lines(`
   changed            PATH_OUT_OF_ROOT     snapshot source changed during copy
   replacedDirectory  PATH_OUT_OF_ROOT     snapshot directory identity changed while opening
   changedDirectory   PATH_OUT_OF_ROOT     snapshot directory changed during copy`);
+const failures = FAILURES.map(([name]) => name);
+const codes = FAILURES.map(([, code]) => code);
 
-// A layout is what is on disk: a string or Buffer is a file (mode 0644), an object a directory (mode
-// 0755; the module itself gives neither mode), a function makes what is neither, and undefined is
-// nothing.
+// A layout is what is on disk: a string or Buffer is a file, an object a directory (the module itself
+// gives neither of their modes), a function makes what is neither, and undefined is nothing.
 const symlink = (text) => (at) => fs.symlinkSync(text, at);
 const hardlink = (sibling) => (at) => fs.linkSync(path.join(path.dirname(at), sibling), at);
 const fifo = () => (at) => execFileSync('mkfifo', [at]);
@@ -82,28 +82,30 @@ function assertTree(layout) {
   assert.deepEqual(...images, 'the whole disk beneath the root');
 }
 
-const targetOf = (fd) => thrownBy(() => fs.readlinkSync(`/proc/self/fd/${fd}`)).result;
-// Not what is gone by now, nor what libc reads in other threads when it gives memory back, nor the
-// report of a sanitizer.
+// What is gone by now, what libc reads in other threads when it gives memory back, and the report of
+// a sanitizer.
 const PASSING = / (undefined|\/proc\/sys\/vm\/overcommit_memory|.*\/report\.\d+)$/;
-const entryOf = (fd) => `${fd} ${targetOf(fd)}`;
-const lasts = (entry) => !PASSING.test(entry);
-const descriptors = () => fs.readdirSync('/proc/self/fd').map(entryOf).filter(lasts);
+function descriptors() {
+  const targetOf = (fd) => thrownBy(() => fs.readlinkSync(`/proc/self/fd/${fd}`)).result;
+  const entries = fs.readdirSync('/proc/self/fd').map((fd) => `${fd} ${targetOf(fd)}`);
+  return entries.filter((entry) => !PASSING.test(entry));
+}
 
 // A call in words: the operation, then segment arrays joined by slashes (capture takes any number),
 // numbers, bytes by name, "@" before an absolute path, "=" before a mere string, "fd:" before a
-// file to open for reading, and "stage" for a callback.
+// file to open (for reading, or with flags behind a colon), and "stage" for a callback.
 const OLD = 'the bytes of before';
 const BYTES = { OLD: Buffer.from(OLD), NEW: Buffer.from('the new bytes') };
 
 function argument(ctx, word) {
-  if (word === 'stage') return (point) => ctx.stage?.(point);
   if (word in BYTES) return BYTES[word];
-  if (/^-?\d+$/.test(word)) return Number(word);
+  if (word === 'NaN' || !Number.isNaN(Number(word))) return Number(word);
+  if (word === 'stage') return (...args) => ctx.stage?.(...args);
   if (word.startsWith('=')) return word.slice(1);
   if (word.startsWith('@')) return ctx.at(word.slice(1));
-  if (word.startsWith('fd:')) return ctx.open(ctx.at(word.slice(3)));
-  return word.split('/');
+  if (!word.startsWith('fd:')) return word.split('/');
+  const [, name, flags] = word.split(':');
+  return ctx.open(ctx.at(name), Number(flags) || flags);
 }
 
 // What the words call, as operation and arguments; opens what the call borrows.
@@ -114,13 +116,20 @@ function prepare(ctx, words) {
   return [operation, [ctx.handle, ...(operation === 'capture' ? [args] : args)]];
 }
 
-// One directory for the whole process: the root that tests work in stands in it under a name that
-// is known beforehand, with room beside it for what is outside.
+// One directory for the whole process: the root that tests work in, and room for what is outside.
 const base = fs.mkdtempSync(path.join(fs.realpathSync(os.tmpdir()), 'tarvek-'));
 process.on('exit', () => fs.rmSync(base, { recursive: true, force: true }));
 const root = path.join(base, 'root');
 process.umask(0o022);
 const place = { base, root, at: (...names) => path.join(root, ...names) };
+
+function thrownBy(body) {
+  try {
+    return { result: body() };
+  } catch (thrown) {
+    return { thrown };
+  }
+}
 
 // Runs `body` on a root directory with this layout. Fails when a descriptor stays open; the hook,
 // what was borrowed and what is on disk are gone afterwards in any case.
@@ -129,51 +138,26 @@ function sandbox(layout, body) {
   const borrowed = [];
   const open = (at, flags) => borrowed[borrowed.push(fs.openSync(at, flags)) - 1];
   const ctx = { ...place, open };
-  const release = () => {
-    tarvek.setTestHook();
-    for (const fd of borrowed.splice(0)) fs.closeSync(fd);
-    if (ctx.handle) tarvek.close(ctx.handle);
-  };
-  try {
+  const outcome = thrownBy(() => {
     build(root, layout);
     ctx.handle = tarvek.openRoot(root);
     body(ctx);
-    release();
-    assert.deepEqual(descriptors(), before, 'the same descriptors are open as before');
-  } finally {
-    release();
-    for (const name of fs.readdirSync(base)) fs.rmSync(path.join(base, name), { recursive: true });
-  }
+  });
+  tarvek.setTestHook();
+  for (const fd of borrowed) fs.closeSync(fd);
+  if (ctx.handle) tarvek.close(ctx.handle);
+  for (const name of fs.readdirSync(base)) fs.rmSync(path.join(base, name), { recursive: true });
+  if ('thrown' in outcome) throw outcome.thrown;
+  assert.deepEqual(descriptors(), before, 'the same descriptors are open as before');
 }
 
-// The hook never outlives `body`.
-function withHook(hook, body) {
-  tarvek.setTestHook(hook);
-  try {
-    return body();
-  } finally {
-    tarvek.setTestHook();
-  }
-}
-
-function thrownBy(body) {
-  let result;
-  try {
-    result = body();
-  } catch (thrown) {
-    return { thrown };
-  }
-  return { result };
-}
-
-// Makes a call, in words or as operation and arguments, with a hook or with actions by point, the
-// stages included. After a failure the disk must be as the last point left it, with what is `left`
-// behind on purpose and without a temporary file.
-function attempt(ctx, call, actions = {}, left = {}) {
-  const act = typeof actions === 'function' ? actions : (event) => actions[event.point]?.(event);
+// Makes a call, in words or as operation and arguments, and acts on every event of the hook, the
+// stages of a write included. After a failure the disk must be as the last event left it, with what
+// is `left` behind on purpose and without a temporary file.
+function attempt(ctx, call, act = () => {}, left = {}) {
   const [operation, args] = typeof call === 'string' ? prepare(ctx, call) : call;
   let image = treeOf(base);
-  const hook = (event) => {
+  const handle = (event) => {
     try {
       return act(event);
     } finally {
@@ -181,8 +165,10 @@ function attempt(ctx, call, actions = {}, left = {}) {
       image = Object.fromEntries(entries.filter(([name]) => !name.includes('/.tarvek-')));
     }
   };
-  ctx.stage = (point) => hook({ point });
-  const outcome = thrownBy(() => withHook(hook, () => tarvek[operation](...args)));
+  ctx.stage = (point) => handle({ point });
+  tarvek.setTestHook(handle);
+  const outcome = thrownBy(() => tarvek[operation](...args));
+  tarvek.setTestHook();
   if ('thrown' in outcome) assert.deepEqual(treeOf(base), { ...image, ...left }, 'the whole disk');
   return outcome;
 }
@@ -193,7 +179,7 @@ function expectOutcome(expected, { thrown: error, ...returned }) {
     if (!('result' in returned)) throw error;
     return returned.result;
   }
-  const [, code, message] = FAILURES.find(([name]) => name === expected);
+  const [, code, message] = FAILURES[failures.indexOf(expected)];
   assert.deepEqual(returned, {}, `returned instead of failing with "${message}"`);
   assert.ok(error instanceof Error, `threw ${String(error)} instead of "${message}"`);
   assert.deepEqual([error.code, error.message], [code, message], error.stack);
@@ -201,13 +187,16 @@ function expectOutcome(expected, { thrown: error, ...returned }) {
 }
 const expectCall = (expected, ...calling) => expectOutcome(expected, attempt(...calling));
 
-// What callbacks throw, and that it is what comes out.
-const THROWN = [new Error('by the callback'), 'a string', undefined];
-const thrower = (value) => () => {
-  throw value;
-};
-const expectThrown = (value, outcome) =>
-  assert.ok('thrown' in outcome && outcome.thrown === value, `came out as ${outcome.thrown}`);
+// That whatever a callback throws is what comes out of the call that is made with it.
+function expectThrough(callWith) {
+  for (const value of [new Error('by the callback'), 'a string', undefined]) {
+    const thrower = () => {
+      throw value;
+    };
+    const outcome = callWith(thrower);
+    assert.ok('thrown' in outcome && outcome.thrown === value, `came out as ${outcome.thrown}`);
+  }
+}
 
 // An error's message, and where in a test file it came up.
 function told(error) {
@@ -230,8 +219,8 @@ function table(title, rows) {
 
 // The same with a sandbox for each row, which is [name, layout, and what else `run` is given].
 function each(title, rows, run) {
-  const bodyOf = (layout, rest) => () => sandbox(layout, (ctx) => run(ctx, ...rest));
-  const bodies = rows.map(([name, layout, ...rest]) => [name, bodyOf(layout, rest)]);
+  const bodyOf = ([layout, ...rest]) => sandbox(layout, (ctx) => run(ctx, ...rest));
+  const bodies = rows.map(([name, ...rest]) => [name, () => bodyOf(rest)]);
   table(title, bodies);
 }
 
@@ -242,7 +231,7 @@ function cases(title, layout, bodies) {
 }
 
 module.exports = {
-  ...{ OLD, BYTES, THROWN, lines, symlink, hardlink, fifo, socket, withMode, fresh, build, treeOf },
-  ...{ place, assertTree, targetOf, descriptors, prepare, sandbox, withHook, thrownBy, attempt },
-  ...{ thrower, expectThrown, expectOutcome, expectCall, table, each, cases },
+  ...{ OLD, BYTES, lines, failures, codes, symlink, hardlink, fifo, socket, withMode, fresh },
+  ...{ build, treeOf, assertTree, place, descriptors, prepare, sandbox, thrownBy, attempt },
+  ...{ expectOutcome, expectCall, expectThrough, table, each, cases },
 };

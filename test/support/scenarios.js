@@ -3,20 +3,18 @@
 // Every operation that touches the disk, where it succeeds: in the root, three levels deep, with
 // its ancestors missing where it makes them, over existing entries where it takes them.
 //
-//   name            the call in words (see harness.js), and behind a comma what it meets
-//   operation       name of the exported function
-//   call            the words alone; prepare(ctx, call) makes arguments of them
-//   before, after   the layouts beneath the root
-//   mutates         whether they differ
-//   missing         whether ancestors are missing before
-//   paths           the segment arrays of the call, first walked first; they share no directory
-//   check(result, ctx)  asserts the result and releases it
-//   hooks           every point that fires, in order, as [point, segment, index]; the stages of
-//                   a write, which come last, as [stage]
+//   name                 the call in words (see harness.js), and behind a comma what it meets
+//   operation, call      name of the exported function; the words alone, for prepare()
+//   before, after        the layouts beneath the root; `mutates`: whether they differ
+//   missing              whether ancestors are missing before
+//   paths                its segment arrays, first walked first; they share no directory
+//   check(result, ctx)   asserts the result and releases it
+//   hooks                every point that fires, in order, as [point, segment, index]; the stages
+//                        of a write, which come last, as [stage]
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
-const { OLD, BYTES, symlink, fresh, place } = require('./harness.js');
+const { OLD, BYTES, lines, symlink, fresh, place } = require('./harness.js');
 const tarvek = require('./tarvek.js');
 
 const NEW = fresh(BYTES.NEW);
@@ -33,13 +31,12 @@ const opened = (handle, ctx, leaf) => {
 };
 const captured = (records, _, leaf) => {
   const directory = (path) => ({ path, type: 'directory', mode: 0o755 });
-  const file = (path, text) => ({ path, type: 'file', mode: 0o644, body: Buffer.from(text) });
-  const [f, s, g] = ['f', 's', 's/g'].map((name) => [...leaf, name].join('/'));
-  const contents = [file(f, 'one'), directory(s), file(g, 'two')];
-  assert.deepEqual(records, [directory(leaf.join('/')), ...contents]);
+  const file = ([name, body]) => ({ path: `${top}/${name}`, type: 'file', mode: 0o644, body });
+  const top = leaf.join('/');
+  const [f, g] = Object.entries(FILES).map(file);
+  assert.deepEqual(records, [directory(top), f, directory(`${top}/s`), g]);
 };
-const linkText = (leaf, other) => [...other.slice(1).map(() => '..'), ...leaf].join('/');
-const linked = (leaf, other) => [TREE, symlink(linkText(leaf, other))];
+const linked = (leaf, other) => [TREE, symlink([...other.slice(1).fill('..'), ...leaf].join('/'))];
 
 // What is at the leaf, and at the other path of a call that names two, before and after.
 const ROWS = {
@@ -72,30 +69,33 @@ const ROWS = {
 };
 
 const steps = (point, names) => names.map((name, index) => [point, name, index]);
-const walk = (path) => steps('ancestor-open', path.slice(0, -1));
-const at = (path, points) => points.map((point) => [point, path.at(-1), path.length - 1]);
+const at = (path, points) => points.split(' ').map((one) => [one, path.at(-1), path.length - 1]);
+const ordinary = (...paths) => [
+  ...paths.flatMap((path) => steps('ancestor-open', path.slice(0, -1))),
+  ...paths.flatMap((path) => at(path, 'pre-effect')),
+];
+const ROOT = place.root.split('/').slice(1);
+const EXTERNAL = ['external-create', '', 0];
+const READS = lines(`
+  capture-file-read  /f
+  capture-file-read  /s/g
+  capture-directory-read  /s
+  capture-directory-read`);
+const reading = (leaf, [point, name = '']) => [point, leaf.join('/') + name, 0];
+const APPEND = 'append-leaf-open append-write append-data-fsync append-directory-fsync';
+const REMOVE = 'remove-if-equals-open remove-if-equals-unlink';
 const PUBLISH = 'publish-before-validation';
-const PRE = ['pre-effect'];
-const ordinary = (path) => [...walk(path), ...at(path, PRE)];
-const APPEND = ['append-leaf-open', 'append-write', 'append-data-fsync', 'append-directory-fsync'];
-const REMOVE = ['remove-if-equals-open', 'remove-if-equals-unlink'];
 const STAGES =
   'after-temp-write after-file-sync before-file-rename after-file-rename after-directory-sync';
-const ROOT = place.root.split('/').slice(1);
-const external = ['external-create', '', 0];
-const reading = (leaf, kind, name) => [`capture-${kind}-read`, `${leaf.join('/')}${name}`, 0];
+// Of the operations that fire more, or in another order, than a walk and one look for each path.
 const HOOKS = {
-  openRoot: (leaf) => [...steps('root-ancestor-open', [...ROOT, ...leaf]), external],
-  openRelative: (leaf) => [...steps('relative-directory-open', leaf), external],
-  capture: (leaf) => [
-    ...[...ordinary(leaf), reading(leaf, 'file', '/f'), reading(leaf, 'file', '/s/g')],
-    ...[reading(leaf, 'directory', '/s'), reading(leaf, 'directory', '')],
-  ],
+  openRoot: (leaf) => [...steps('root-ancestor-open', [...ROOT, ...leaf]), EXTERNAL],
+  openRelative: (leaf) => [...steps('relative-directory-open', leaf), EXTERNAL],
+  capture: (leaf) => [...ordinary(leaf), ...READS.map((read) => reading(leaf, read))],
   append: (leaf) => [...ordinary(leaf), ...at(leaf, APPEND)],
   removeIfEquals: (leaf) => [...ordinary(leaf), ...at(leaf, REMOVE)],
-  move: (leaf, other) => [...walk(leaf), ...walk(other), ...at(leaf, PRE), ...at(other, PRE)],
   ensureRelativeSymlink: (leaf, other) => [...ordinary(leaf), ...ordinary(other)],
-  publishVerified: (leaf, other) => [...HOOKS.move(leaf, other), [PUBLISH, leaf.at(-1), 0]],
+  publishVerified: (leaf, other) => [...ordinary(leaf, other), [PUBLISH, leaf.at(-1), 0]],
   exchangeForTest: () => [],
 };
 
@@ -119,12 +119,11 @@ function scenario(row, near, far, missing = false) {
   const stages = words.endsWith('stage') ? STAGES.split(' ').map((stage) => [stage]) : [];
   return {
     name: `${call}, ${what}${missing ? ', its ancestors missing' : ''}`,
-    ...{ operation, call, paths, missing },
+    ...{ operation, call, paths, missing, mutates: after !== before },
     before: layout(before, !missing),
     after: layout(after, true, missing ? fresh : undefined),
-    mutates: after !== before,
     check: (actual, ctx) => (check ? check(actual, ctx, leaf) : assert.deepEqual(actual, result)),
-    hooks: [...(HOOKS[operation] ?? ordinary)(leaf, other), ...stages],
+    hooks: [...(HOOKS[operation] ?? ordinary)(...paths), ...stages],
   };
 }
 
@@ -135,14 +134,11 @@ const places = ([row, { flat, makes }]) => [
   ...(flat ? [] : [scenario(row, NEAR, FAR)]),
   ...(makes ? [scenario(row, NEAR, FAR, true)] : []),
 ];
-const scenarios = [
-  ...Object.entries(ROWS).flatMap(places),
-  {
-    ...scenario('exists leaf, nothing', NEAR, FAR),
-    name: 'exists a/b/leaf, an ancestor missing',
-    ...{ before: { a: {} }, after: { a: {} } },
-    hooks: [['ancestor-open', 'a', 0]],
-  },
-];
+const scenarios = Object.entries(ROWS).flatMap(places);
+scenarios.push({
+  ...scenario('exists leaf, nothing', NEAR, FAR),
+  name: 'exists a/b/leaf, an ancestor missing',
+  ...{ before: { a: {} }, after: { a: {} }, hooks: [['ancestor-open', 'a', 0]] },
+});
 
 module.exports = { scenarios, identityOf, TREE };
