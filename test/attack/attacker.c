@@ -1,7 +1,7 @@
 // A hostile process: puts what leads out of a root in the place of what is beneath it, and back, as
 // fast as it can. Runs in the root:
 //
-//   attacker SECONDS [KIND DIRECTORY NAME TARGET]...
+//   attacker [KIND DIRECTORY NAME TARGET]...
 //
 // NAME is in DIRECTORY beneath the root, TARGET an absolute path outside. KIND tells what takes the
 // name's place:
@@ -9,8 +9,8 @@
 //   h  a hard link of TARGET, by exchange        x  TARGET itself, by exchange
 //   l  nothing: the file there gets TARGET as a second name
 // A round takes one of the list at random and puts everything back; decoys, and what the victim put
-// in the way, go to aside/. It stops between rounds, on SIGTERM, after SECONDS or when its parent
-// is gone, and prints how often it swapped and how often a file grew while it had a second name.
+// in the way, go to aside/. It stops between rounds, on SIGTERM or when its parent is gone, and
+// prints how often it swapped and how often a file grew while it had a second name.
 
 #define _GNU_SOURCE
 #include <fcntl.h>
@@ -90,13 +90,10 @@ static void Round(char kind, const char* directory, const char* name, const char
 int main(int argc, char** argv) {
   const pid_t parent = getppid();
   signal(SIGTERM, Stop);
-  signal(SIGALRM, Stop);
-  alarm((unsigned)atoi(argv[1]));
   while (!stopped && getppid() == parent) {
-    char** words = argv + 2 + 4 * (rand() % ((argc - 2) / 4));
+    char** words = argv + 1 + 4 * (rand() % (argc / 4));
     Round(words[0][0], words[1], words[2], words[3]);
     Rest();
   }
   printf("%lu %lu\n", swaps, grown);
-  return 0;
 }

@@ -1,0 +1,144 @@
+'use strict';
+
+// A very long run, very deep trees, very large files and very little memory, on a file system in
+// memory: no other takes a file of that size, and there a long chain is quickly made and removed.
+
+process.env.TMPDIR = '/dev/shm';
+
+const assert = require('node:assert/strict');
+const { execFileSync } = require('node:child_process');
+const { once } = require('node:events');
+const fs = require('node:fs');
+const test = require('node:test');
+const { setImmediate: turn } = require('node:timers/promises');
+const { isExternal } = require('node:util').types;
+const { setFlagsFromString } = require('node:v8');
+const { runInNewContext } = require('node:vm');
+const { Worker } = require('node:worker_threads');
+const harness = require('./support/harness.js');
+const tarvek = require('./support/tarvek.js');
+
+const { OLD, descriptors, expectOutcome, lines, place, prepare, sandbox } = harness;
+const { build, symlink, thrownBy } = harness;
+const CALLS = process.env.TARVEK_TEST_FULL === '1' ? 1_000_000 : 100_000;
+const CALLS_PER_HANDLE = 10;
+const SLACK = 4 * 1024 * 1024;
+const sanitized = /asan/.test(process.env.LD_PRELOAD ?? '');
+setFlagsFromString('--expose-gc');
+const collect = runInNewContext('gc');
+
+// Together the calls leave everything as they find it. Through the link all of them are refused.
+const LAYOUT = { d: { f: OLD, c: OLD, s: { g: 'one' }, l: symlink('../d/s') }, link: symlink('d') };
+const ROUND = lines(`
+  exists d/f                 read d/f                  list d/s
+  capture d/f d/s            snapshot d/s              openRoot @d/s
+  openRelative d/s           write d/f NEW             write d/f OLD stage
+  ensureDirectory d/e/x      create d/e/n NEW          append d/e/n 5 0 OLD
+  remove d/e                 create d/n OLD            removeIfEquals d/n OLD
+  move d/c d/m               move d/m d/c              ensureRelativeSymlink d/l d/s
+  publishVerified fd:d/c d/c d/p OLD                   move d/p d/c`).flat();
+
+// Finalizers run when the event loop turns after a collection.
+async function work(handle, round, calls) {
+  for (let made = 0; made < calls; ++made) {
+    if (made % 2000 === 0) await turn(collect());
+    if (made % 1000 === 0) tarvek.setTestHook(made % 2000 === 0 ? () => {} : null);
+    if (made % CALLS_PER_HANDLE === 0) tarvek.openRelative(handle, ['d']);
+    const [operation, args, code] = round[made % round.length];
+    const { thrown, result } = thrownBy(() => tarvek[operation](...args));
+    if (isExternal(result)) tarvek.close(result);
+    assert.equal(thrown?.code, code, operation);
+  }
+  await turn(collect());
+  return process.memoryUsage().rss;
+}
+
+test('a long run leaves nothing behind', async (t) => {
+  build(place.root, LAYOUT);
+  const ctx = { ...place, handle: tarvek.openRoot(place.root), open: fs.openSync };
+  const round = ROUND.flatMap((words) => [
+    [...prepare(ctx, words), undefined],
+    [...prepare(ctx, words.replace(/\bd\//g, 'link/')), 'PATH_OUT_OF_ROOT'],
+  ]);
+  const warmth = round.length * 250;
+  await work(ctx.handle, round, warmth);
+  // What a descriptor is open on is told differently once it has moved.
+  const before = descriptors().length;
+  const warm = await work(ctx.handle, round, warmth);
+  const grown = (await work(ctx.handle, round, CALLS)) - warm;
+  t.diagnostic(`${CALLS} calls, ${CALLS / CALLS_PER_HANDLE} handles dropped, ${grown} bytes more`);
+  assert.equal(descriptors().length, before, 'open descriptors');
+  assert.ok(sanitized || grown < SLACK, `${grown} bytes more`);
+  fs.rmSync(place.root, { recursive: true });
+});
+
+const LEVELS = 15_000;
+const limitTo = (limit) => execFileSync('prlimit', [`--pid=${process.pid}`, limit]);
+const LARGE = ['read sparse/f', 'capture sparse', 'snapshot sparse'];
+const GREEDY = ['capture chain', 'snapshot chain', 'remove short', ...LARGE];
+// What comes of a worker's calls, whose stack is the smaller one: how much they return, or a code.
+const WORKER = `
+  const { parentPort, workerData } = require('node:worker_threads');
+  const tarvek = require(workerData.module);
+  const handle = tarvek.openRoot(workerData.root);
+  const outcomes = workerData.calls.map(([operation, [, ...args]]) => {
+    try {
+      return Object.keys(tarvek[operation](handle, ...args) ?? {}).length;
+    } catch (error) {
+      return error.code;
+    }
+  });
+  tarvek.close(handle);
+  parentPort.postMessage(outcomes);`;
+
+async function expectInWorker(...expected) {
+  const module = process.env.TARVEK_MODULE ?? require.resolve('..');
+  const calls = GREEDY.map((words) => prepare(place, words));
+  const workerData = { module, root: place.root, calls };
+  const worker = new Worker(WORKER, { eval: true, workerData });
+  const [[outcomes]] = await Promise.all([once(worker, 'message'), once(worker, 'exit')]);
+  assert.deepEqual(outcomes, expected, GREEDY.join(', '));
+}
+
+test('depth and size end in a failure, never in a crash, and leave no descriptor', async (t) => {
+  const [, limit] = /open files +(\d+)/.exec(fs.readFileSync('/proc/self/limits', 'utf8'));
+  t.after(() => {
+    limitTo(`--nofile=${limit}:`);
+    execFileSync('rm', ['-rf', place.root]);
+  });
+  // Removing takes two descriptors a level, the others one.
+  const removable = Math.min(LEVELS, Math.floor((limit - 200) / 2));
+  for (const [name, levels] of Object.entries({ chain: LEVELS, short: removable, sparse: 0 })) {
+    execFileSync('mkdir', ['-p', place.at(name, 'd/'.repeat(levels))]);
+  }
+  execFileSync('truncate', ['-s', '9223372036854775807', place.at('sparse', 'f')]);
+  const failed = Array(6).fill('FILESYSTEM_FAILURE');
+  const before = descriptors();
+  limitTo('--nofile=500:');
+  await expectInWorker(...failed);
+  limitTo(`--nofile=${limit}:`);
+  const deep = LEVELS + 200 < limit ? [LEVELS + 1, 0] : failed.slice(4);
+  await expectInWorker(...deep, 0, ...failed.slice(3));
+  assert.deepEqual(descriptors(), before);
+});
+
+test('memory that suffices for the bytes and not for their Buffer ends in a failure', (t) => {
+  t.after(() => limitTo('--as=unlimited:'));
+  sandbox({ f: '' }, (ctx) => {
+    const bytes = 1 << 28;
+    fs.truncateSync(ctx.at('f'), bytes);
+    const [, used] = /VmSize:\s+(\d+)/.exec(fs.readFileSync('/proc/self/status', 'utf8'));
+    for (const [limit, expected] of [
+      [used * 1024 + bytes * 1.5, 'storage'],
+      ['unlimited', '-'],
+    ]) {
+      limitTo(`--as=${limit}:`);
+      for (const [operation, args] of ['read f', 'capture f'].map((words) => prepare(ctx, words))) {
+        expectOutcome(
+          expected,
+          thrownBy(() => tarvek[operation](...args)),
+        );
+      }
+    }
+  });
+});
