@@ -10,6 +10,20 @@
 
 namespace tarvek {
 
+// Lets go of the handles made in it. The collector visits every handle there is each time it runs,
+// which it does often while a large result is made.
+class HandleScope {
+ public:
+  explicit HandleScope(napi_env env) : env_(env) { napi_open_handle_scope(env_, &scope_); }
+  HandleScope(const HandleScope&) = delete;
+  HandleScope& operator=(const HandleScope&) = delete;
+  ~HandleScope() { napi_close_handle_scope(env_, scope_); }
+
+ private:
+  napi_env env_;
+  napi_handle_scope scope_ = nullptr;
+};
+
 inline napi_value Undefined(napi_env env) {
   napi_value result = nullptr;
   napi_get_undefined(env, &result);

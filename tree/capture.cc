@@ -13,9 +13,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <functional>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -28,6 +26,7 @@
 #include "confine/file_bytes.h"
 #include "confine/levels.h"
 #include "confine/parent.h"
+#include "tree/identity_set.h"
 
 namespace tarvek {
 
@@ -42,16 +41,10 @@ struct CaptureEntry {
   FileBytes body;  // nothing for a directory
 };
 
-struct IdentityHash {
-  size_t operator()(const Identity& identity) const {
-    return std::hash<uint64_t>()(identity.ino ^ (identity.dev << 32));
-  }
-};
-
 // What one call has gathered, over all of its paths.
 struct Captured {
-  std::unordered_set<Identity, IdentityHash> identities;  // of the files
-  std::vector<CaptureEntry> entries;                      // a directory before what is in it
+  IdentitySet identities;             // of the files
+  std::vector<CaptureEntry> entries;  // a directory before what is in it
 };
 
 // A directory whose contents are being captured. Its name lies with whoever holds the directory and
@@ -85,7 +78,7 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
   if (!IsSoleFile(opened) || !SameStableMetadata(named, opened) || opened.st_size < 0) {
     return Refuse(env, kSourceReplaced);
   }
-  if (captured->identities.contains(IdentityOf(opened))) return Refuse(env, kSourceDuplicated);
+  if (captured->identities.Contains(IdentityOf(opened))) return Refuse(env, kSourceDuplicated);
 
   FileBytes body;
   if (!ReadFileBytes(env, file.Get(), opened.st_size, &body)) return false;
@@ -97,7 +90,7 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
       !SameStableMetadata(after, again) || static_cast<size_t>(after.st_size) != body.length) {
     return Refuse(env, kSourceChanged);
   }
-  captured->identities.insert(IdentityOf(opened));
+  captured->identities.Insert(IdentityOf(opened));
   captured->entries.push_back({std::move(path), opened.st_mode, false, std::move(body)});
   return true;
 }
@@ -247,6 +240,7 @@ napi_value RecordArray(napi_env env, std::vector<CaptureEntry>* entries) {
   napi_create_array_with_length(env, entries->size(), &result);
   uint32_t index = 0;
   for (CaptureEntry& entry : *entries) {
+    const HandleScope scope(env);
     napi_set_element(env, result, index++, Record(env, texts, entry));
     entry.body = {};
   }
