@@ -4,16 +4,15 @@
 // out of the root in the place of the directories and files on its way: symbolic links, hard links
 // and, where the operation is for files, a directory from outside. Whatever the attacker's luck,
 // nothing outside changes, nothing from outside is returned, every error is one of the table and no
-// descriptor is lost.
+// descriptor is lost. The same is tried without luck, at every call that an operation makes.
 //
 // Two windows are open on purpose; the last tests measure them and claim nothing. An operation
 // holds its directories open: where one crosses the border of the root, what is read or made in it
 // is then outside, and what came in is beneath. A creating walk flushes on its way, which makes
 // that window wide. And a file can have a second name between two looks that each find one.
 
-// In memory: with no disk to wait for there are many more calls.
-process.env.TMPDIR = '/dev/shm';
-
+// In memory, as faults.js has it: with no disk to wait for there are many more calls.
+const { rehearse, run } = require('./support/faults.js');
 const assert = require('node:assert/strict');
 const { execFile } = require('node:child_process');
 const fs = require('node:fs');
@@ -27,12 +26,13 @@ const { scenarios } = require('./support/scenarios.js');
 const tarvek = require('./support/tarvek.js');
 
 const { build, descriptors, expectOutcome, failures, place, prepare, thrownBy, treeOf } = harness;
-const MILLISECONDS = process.env.TARVEK_TEST_FULL === '1' ? 1500 : 200;
+const FULL = process.env.TARVEK_TEST_FULL === '1';
+const MILLISECONDS = FULL ? 1500 : 200;
 const CANARY = 'a canary from outside';
 const outside = path.join(place.base, 'outside');
 const mirrored = (name) => path.join(outside, 'mirror', name);
 const everythingIn = (at) => fs.readdirSync(at, { recursive: true });
-const entryAt = (at) => fs.lstatSync(at, { throwIfNoEntry: false });
+const entryAt = (at) => thrownBy(() => fs.lstatSync(at)).result;
 const attacker = compile('attack/attacker.c');
 
 // What the attacker does to a name, as attacker.c calls it, and what outside it uses for that.
@@ -46,21 +46,31 @@ function claimed(call, name) {
 const unclaimed = (call, name) =>
   call.startsWith('append') ? { l: mirrored(`${name}.twin`) } : { x: mirrored(name) };
 
-// Builds the root and its mirror outside, where every directory holds a canary more and, if the
-// call gives bytes back, every file is one. Tells of each path what comes and goes with the call.
-function arrange({ before, paths, mutates }) {
-  for (const at of [place.root, outside]) fs.rmSync(at, { recursive: true, force: true });
-  build(outside, { lent: { directory: {} } });
-  for (const at of [place.root, mirrored('')]) {
-    build(at, before);
-    for (const [name, ...rest] of paths) {
-      if (rest.length > 0) fs.mkdirSync(path.join(at, name), { recursive: true });
-    }
+function lay(at, { before, paths }) {
+  build(at, before);
+  for (const [name, ...rest] of paths) {
+    if (rest.length > 0) fs.mkdirSync(path.join(at, name), { recursive: true });
   }
+}
+
+// Builds the root's mirror outside, where every directory holds a canary more and, if the call gives
+// bytes back, every file is one.
+function layOutside(row) {
+  fs.rmSync(outside, { recursive: true, force: true });
+  build(outside, { lent: { directory: {} } });
+  lay(mirrored(''), row);
   for (const at of everythingIn(outside).map((name) => path.join(outside, name))) {
     if (entryAt(at).isDirectory()) fs.writeFileSync(path.join(at, 'canary'), CANARY);
-    if (entryAt(at).isFile() && !mutates) fs.writeFileSync(at, CANARY);
+    if (entryAt(at).isFile() && !row.mutates) fs.writeFileSync(at, CANARY);
   }
+}
+
+// Builds the root too. Tells of each path what comes and goes with the call.
+function arrange(row) {
+  const { before, paths, mutates } = row;
+  fs.rmSync(place.root, { recursive: true, force: true });
+  lay(place.root, row);
+  layOutside(row);
   return (mutates ? paths : []).map((names) => {
     const steps = names.map((_, index) => names.slice(0, index + 1));
     const step = steps.find((some) => !entryAt(place.at(...some))) ?? names;
@@ -160,6 +170,48 @@ attacks('under attack', rows, async (row, t) => {
   assert.deepEqual(after, before, 'what is outside');
   assert.deepEqual(lacking(row, tally), [], `too little for an attack: ${counts(tally)}`);
 });
+
+// The same at every moment: just before one call after the other a name is exchanged for good, with
+// a link, a hard link or a copy. Only the copy may be taken for it. The shorter form tries a third of
+// those of directories.
+const DECOYS = {
+  s: (decoy, target) => fs.symlinkSync(target, decoy),
+  h: (decoy, target) => fs.linkSync(target, decoy),
+  copy: (decoy, _, at) => fs.cpSync(at, decoy, { recursive: true, verbatimSymlinks: true }),
+};
+const decoy = path.join(place.base, 'decoy');
+
+function exchangeBefore(first, name, kind, row) {
+  let image;
+  const swap = ({ at }) => {
+    layOutside(row);
+    image = imageOutside();
+    DECOYS[kind](decoy, claimed(row.call, name)[kind], at(name));
+    return [at(name), decoy];
+  };
+  run(row, { first, action: 'swap', swap }, ({ outcome: { thrown, result } }) => {
+    assert.ok(!thrown || !isUnknown(thrown), thrown?.stack);
+    assert.equal(isFromOutside(result, row.call, tarvek), false, 'from outside');
+    for (const at of [place.root, decoy]) fs.rmSync(at, { recursive: true });
+    assert.deepEqual(imageOutside(), image, 'what is outside');
+  });
+}
+
+function exchangeEverywhere(row, t) {
+  const { calls, before, after } = rehearse(row);
+  const isFile = (name) => before[name]?.startsWith('100');
+  const exchanges = Object.keys({ ...before, ...after }).flatMap((name) => {
+    // What the call makes has no like outside.
+    const kinds = name in before ? ['s', 'copy'] : ['s'];
+    if (isFile(name)) kinds.push('h');
+    return calls.flatMap((_, i) => kinds.map((kind) => [i + 1, name, kind, row]));
+  });
+  const chosen = exchanges.filter(([, name], i) => FULL || isFile(name) || i % 3 === 0);
+  for (const exchange of chosen) exchangeBefore(...exchange);
+  assert.ok(chosen.length > 0);
+  t.diagnostic(`${chosen.length} exchanges: ${row.name}`);
+}
+attacks('at every call of', rows, exchangeEverywhere);
 
 const checkedFirst = (act) => (root, names, body) => {
   const at = path.join(root, ...names);

@@ -67,7 +67,8 @@ cases('reading and comparing', LAYOUT, {
 });
 
 const MODES = { directory: withMode(0o1775, {}), empty: '', file: withMode(0o4751, OLD) };
-const CAPTURED = { d: { e: {}, f: OLD }, e: {}, x: { 'y.txt': OLD }, modes: MODES };
+const many = { ...MANY.slice(0, 200).map(String) };
+const CAPTURED = { d: { e: {}, f: OLD }, e: {}, x: { 'y.txt': OLD }, modes: MODES, many };
 
 cases('capture', CAPTURED, {
   'gives nine permission bits, and a body for files only': ({ handle }) => {
@@ -83,6 +84,8 @@ cases('capture', CAPTURED, {
   'keeps the order of the paths, and lets a directory come twice': (ctx) => {
     const paths = expectCall('-', ctx, 'capture x/y.txt e d e').map(({ path }) => path);
     assert.deepEqual(paths, ['x/y.txt', 'e', 'd', 'd/e', 'd/f', 'e']);
+    assert.equal(expectCall('-', ctx, 'capture many d').length, 204);
+    for (const name of Object.keys(many)) expectCall('duplicate', ctx, `capture many many/${name}`);
   },
 });
 

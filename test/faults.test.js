@@ -6,6 +6,7 @@
 
 const faults = require('./support/faults.js');
 const assert = require('node:assert/strict');
+const fs = require('node:fs');
 const test = require('node:test');
 const { BYTES, expectOutcome, failures, lines, place, table } = require('./support/harness.js');
 const { scenarios } = require('./support/scenarios.js');
@@ -209,6 +210,18 @@ table(
   'whichever call fails, the operation ends as it promises',
   scenarios.map((scenario) => [scenario.name, () => sweep(scenario)]),
 );
+
+test('a handle whose close fails counts as open', () => {
+  const plan = { first: 1, action: 'fail', errnos: ['EIO'] };
+  faults.run({ before: {}, call: 'close' }, plan, ({ ctx, outcome, calls: [[, number]] }) => {
+    expectOutcome('storage', outcome);
+    // Takes the number that has come free, which closing again then closes.
+    const taken = [];
+    while (taken.at(-1) !== number) taken.push(fs.openSync(ctx.root));
+    for (const fd of taken.slice(0, -1)) fs.closeSync(fd);
+    assert.equal(tarvek.exists(ctx.handle, ['absent']), false);
+  });
+});
 
 test('as many faults were injected as ever', (t) => {
   t.diagnostic(JSON.stringify(injected));

@@ -100,6 +100,7 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, std::string path,
   Descriptor directory = OpenDirectoryAt(dirFd, name);
   if (!directory.IsOpen()) return RefuseErrno(env, errno);
   // A failing fstat counts as a replaced directory here, while a file's is reported by its errno.
+  // What O_DIRECTORY opened is a directory.
   struct stat opened;
   if (::fstat(directory.Get(), &opened) != 0 || !S_ISDIR(opened.st_mode) ||
       !SameStableMetadata(named, opened)) {

@@ -1,10 +1,12 @@
-// Stands between the module and libc: makes calls fail, records them, kills the process half-way.
-// Preloaded into the test process, and loaded by it once more as an addon, an ArrayBuffer over the
-// state below. Only calls that come out of the module's code while it is armed count.
+// Stands between the module and libc: makes calls fail, records them, kills the process half-way,
+// or swaps two names behind the module's back. Preloaded into the test process, and loaded by it
+// once more as an addon, an ArrayBuffer over the state below. Only calls that come out of the
+// module's code while it is armed count.
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -13,7 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-enum Action { NOTHING, FAIL, SHORT, ZERO, KILL };
+enum Action { NOTHING, FAIL, SHORT, ZERO, KILL, SWAP };
 
 static struct {
   uint64_t start, end;           // the module's code
@@ -21,6 +23,7 @@ static struct {
   int32_t first, count, action;  // what befalls which calls, counted from 1
   int32_t error[2];              // of the first call that fails, and of those after it
   int32_t calls, ended, length;  // made so far; how the victim died; of the record
+  char swapped[2][256];          // paths
   char record[1 << 16];          // a JSON array for each call: name, arguments, result
 } state;
 
@@ -72,6 +75,9 @@ static long Act(Function* real, const char* name, const char* shape, long* a) {
     return 0;
   }
   if (due == SHORT && number != NULL) a[number - shape] -= a[number - shape] / 2;
+  if (due == SWAP) {
+    renameat2(AT_FDCWD, state.swapped[0], AT_FDCWD, state.swapped[1], RENAME_EXCHANGE);
+  }
   const long result = CALL(real, a);
   if (due == KILL) raise(SIGKILL);
   return result;

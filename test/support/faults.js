@@ -28,10 +28,13 @@ if (!LD_PRELOAD.includes(library)) {
   process.exit(run.status ?? 1);
 }
 
-const ACTIONS = ['nothing', 'fail', 'short', 'zero', 'kill'];
+const ACTIONS = ['nothing', 'fail', 'short', 'zero', 'kill', 'swap'];
 const shared = { exports: {} };
 process.dlopen(shared, library);
 const state = new Int32Array(shared.exports, 16, 9);
+const [SWAPPED, ROOM] = [state.byteOffset + state.byteLength, 256];
+const RECORD = SWAPPED + 2 * ROOM;
+const swapped = [0, ROOM].map((at) => Buffer.from(shared.exports, SWAPPED + at, ROOM));
 const [ENDED, LENGTH] = [7, 8];
 const maps = fs.readFileSync('/proc/self/maps', 'utf8');
 const [, ...code] = /^(\w+)-(\w+) r-x.*\/tarvek\.node$/m.exec(maps);
@@ -40,17 +43,19 @@ new BigUint64Array(shared.exports, 0, 2).set(code.map((at) => BigInt(`0x${at}`))
 const callsIn = (record) => JSON.parse(`[${record.trim().replaceAll('\n', ',')}]`);
 
 // Makes the scenario's call by a plan: `count` calls from the `first` on fail, with the one errno
-// and then the other, are short, return 0, or are followed by the death of their process. `verify`
-// is told the calls as [name, ...arguments, result], the record is their text.
-function run(scenario, { first = 0, count = 1, action = 'nothing', errnos = [] }, verify) {
+// and then the other, are short, return 0, are followed by the death of their process, or come after
+// an exchange of the two paths that `swap` returns. `verify` is told the calls as [name,
+// ...arguments, result], the record is their text.
+function run(scenario, { first = 0, count = 1, action = 'nothing', errnos = [], swap }, verify) {
   sandbox(scenario.before, (ctx) => {
     const before = treeOf(ctx.root);
     const [operation, args] = prepare(ctx, scenario.call);
+    for (const [i, at] of (swap?.(ctx) ?? []).entries()) swapped[i].write(`${at}\0`);
     const errors = [0, 1].map((i) => errno[errnos[i]] ?? 0);
     state.set([1, first, count, ACTIONS.indexOf(action), ...errors, 0, 0, 0]);
     const outcome = thrownBy(() => tarvek[operation](...args));
     state[0] = 0;
-    const text = Buffer.from(shared.exports, state.byteOffset + state.byteLength, state[LENGTH]);
+    const text = Buffer.from(shared.exports, RECORD, state[LENGTH]);
     const record = text.toString().replaceAll('__fx', 'f');
     const calls = callsIn(record);
     // All that a failure leaves open, on purpose: the duplicate that no stream took.

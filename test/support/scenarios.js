@@ -103,7 +103,7 @@ const beneath = (directories, name, content, wrap = (layout) => layout) =>
   directories.reduceRight((inner, at) => ({ [at]: wrap(inner) }), { [name]: content });
 
 function scenario(row, near, far, missing = false) {
-  const [words, what = ''] = row.split(', ');
+  const [words, what] = row.split(', ');
   const { before = [], after = before, result, check } = ROWS[row];
   const leaf = [...near, 'leaf'];
   const other = [...far, 'other'];
@@ -118,7 +118,7 @@ function scenario(row, near, far, missing = false) {
   };
   const stages = words.endsWith('stage') ? STAGES.split(' ').map((stage) => [stage]) : [];
   return {
-    name: `${call}, ${what}${missing ? ', its ancestors missing' : ''}`,
+    name: [call, what, missing && 'its ancestors missing'].filter(Boolean).join(', '),
     ...{ operation, call, paths, missing, mutates: after !== before },
     before: layout(before, !missing),
     after: layout(after, true, missing ? fresh : undefined),
