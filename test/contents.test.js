@@ -7,7 +7,7 @@ const crypto = require('node:crypto');
 const fs = require('node:fs');
 const { OLD, BYTES, fifo, socket, withMode, treeOf } = require('./support/harness.js');
 const { assertTree, descriptors, thrownBy, expectThrough } = require('./support/harness.js');
-const { expectCall, each, cases } = require('./support/harness.js');
+const { expectOutcome, expectCall, each, cases } = require('./support/harness.js');
 const tarvek = require('./support/tarvek.js');
 
 const BLOCK = 65536;
@@ -81,11 +81,13 @@ cases('capture', CAPTURED, {
       `path,modes/file type,file mode,${0o751} body,${OLD}`,
     ]);
   },
-  'keeps the order of the paths, and lets a directory come twice': (ctx) => {
+  'keeps the order of the paths, and lets a directory come twice, but no file': (ctx) => {
     const paths = expectCall('-', ctx, 'capture x/y.txt e d e').map(({ path }) => path);
     assert.deepEqual(paths, ['x/y.txt', 'e', 'd', 'd/e', 'd/f', 'e']);
-    assert.equal(expectCall('-', ctx, 'capture many d').length, 204);
-    for (const name of Object.keys(many)) expectCall('duplicate', ctx, `capture many many/${name}`);
+    for (const name of Object.keys(many)) {
+      const capture = () => tarvek.capture(ctx.handle, [['many'], ['many', name]]);
+      expectOutcome('duplicate', thrownBy(capture));
+    }
   },
 });
 
