@@ -27,7 +27,7 @@ const { quick, only, against } = parseArgs({
   },
 }).values;
 
-const isShort = (kind) => kind === 'small' || kind === 'one file';
+const isShort = (kind) => ['small', 'one file', 'names'].includes(kind);
 
 // The smaller a turn, the likelier it is that nothing interrupts it; what takes much memory needs
 // turns that use it more than once.

@@ -129,7 +129,7 @@ function workloads(quick) {
     onLeaf('read of 1 MiB', MIB, {}),
     onLeaf('read of 64 MiB', Buffer.alloc(64 * 1024 ** 2, 'r'), {}),
     ...[1000, 20_000].map((names) =>
-      onLeaf(`list of ${counted(names)} names`, numbered(names, 'name-', ''), { kind: 'tree' }),
+      onLeaf(`list of ${counted(names)} names`, numbered(names, 'name-', ''), { kind: 'names' }),
     ),
     ...['capture', 'snapshot'].flatMap((operation) => [
       ...trees.map((files) => onTree(operation, files)),
