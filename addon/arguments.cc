@@ -34,8 +34,9 @@ bool IsSegment(const std::string& name) {
 
 }  // namespace
 
-// Nothing makes the statuses below fail: each question suits any value, or the value that another
-// has just found. They are checked because an answer that was not given must not be taken for one.
+// A status below fails for a value that is not there, which is what a throwing getter leaves. The
+// questions suit any other value, or the one that another question has just found; an answer that
+// was not given must not be taken for one.
 
 bool IsType(napi_env env, napi_value value, napi_valuetype expected) {
   napi_valuetype type = napi_undefined;
@@ -70,17 +71,17 @@ bool StillHolds(napi_env env, napi_value value, const Bytes& bytes) {
   return GetBytes(env, value, &now) && now.data == bytes.data && now.length == bytes.length;
 }
 
-bool GetLength(napi_env env, napi_value value, uint32_t* length) {
+bool GetElementCount(napi_env env, napi_value value, uint32_t* count) {
   bool isArray = false;
   if (napi_is_array(env, value, &isArray) != napi_ok || !isArray) return false;
-  return napi_get_array_length(env, value, length) == napi_ok && *length > 0;
+  return napi_get_array_length(env, value, count) == napi_ok && *count > 0;
 }
 
 bool GetSegments(napi_env env, napi_value value, Segments* out) {
-  uint32_t length = 0;
-  if (!GetLength(env, value, &length)) return false;
-  out->reserve(std::min(length, kUsualDepth));
-  for (uint32_t index = 0; index < length; ++index) {
+  uint32_t count = 0;
+  if (!GetElementCount(env, value, &count)) return false;
+  out->reserve(std::min(count, kUsualDepth));
+  for (uint32_t index = 0; index < count; ++index) {
     napi_value element = nullptr;
     napi_get_element(env, value, index, &element);
     std::string name;

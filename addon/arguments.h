@@ -53,7 +53,7 @@ bool GetBytes(napi_env env, napi_value value, Bytes* out);
 bool StillHolds(napi_env env, napi_value value, const Bytes& bytes);
 
 // Of an array that holds at least one element. Anything else is refused.
-bool GetLength(napi_env env, napi_value value, uint32_t* length);
+bool GetElementCount(napi_env env, napi_value value, uint32_t* count);
 
 // On refusal `out` holds the elements accepted so far; discard it.
 bool GetSegments(napi_env env, napi_value value, Segments* out);

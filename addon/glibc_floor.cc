@@ -46,8 +46,8 @@ __attribute__((visibility("hidden"))) int fstatat(int fd, const char* file, stru
 namespace std {
 
 // Called by new[] and by the standard containers for a length that no memory can hold. The library
-// exports it since GCC 11 only (GLIBCXX_3.4.29). Nothing here gets as far: the limits of what one
-// call can hold in a list lie far below.
+// exports it since GCC 11 only (GLIBCXX_3.4.29). No list that one
+// call builds comes near that limit.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
 __attribute__((visibility("hidden"))) void __throw_bad_array_new_length() {
   throw bad_array_new_length();

@@ -79,7 +79,7 @@ napi_value RootExternal(napi_env env, std::unique_ptr<Root> root) {
   if (!Hook(env, "external-create", "", 0)) return nullptr;
   napi_value handle = nullptr;
   if (napi_create_external(env, root.get(), RootFinalizer, nullptr, &handle) != napi_ok) {
-    // Not known to happen on Node: it ends the process rather than report that there is no memory.
+    // Not known to happen: Node ends the process rather than report that there is no memory.
     bool pending = false;
     napi_is_exception_pending(env, &pending);
     return pending ? nullptr : Throw(env, kStorageFailed);

@@ -64,7 +64,7 @@ function repetitions({ once, run }, clock, milliseconds) {
 // seconds by its clock, but never less than the rounds that an interval needs. All stands repeat
 // their calls equally often, so that a cold start weighs equally on them. Short turns leave little
 // garbage, and collecting it before each would shake what follows far more than leaving it does.
-function measure(stands, medium, { seconds, milliseconds, tidy }) {
+function measure(stands, medium, { seconds, milliseconds, collectBefore }) {
   const clock = clocks[medium];
   const times = stands.map(() => []);
   for (const stand of stands) stand.prepare();
@@ -75,7 +75,7 @@ function measure(stands, medium, { seconds, milliseconds, tidy }) {
     for (const index of round % 2 === 0 ? order : order.reverse()) {
       const { prepare, once, run, weight } = stands[index];
       prepare();
-      if (tidy) collectGarbage();
+      if (collectBefore) collectGarbage();
       if (!once) run(Math.ceil(repeat / 8));
       const time = timeOf(clock, () => run(repeat));
       times[index].push(time / (repeat * weight));

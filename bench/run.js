@@ -34,7 +34,7 @@ const isShort = (kind) => ['small', 'one file', 'names'].includes(kind);
 const effort = ({ kind }) => ({
   seconds: quick ? 0.15 : 4,
   milliseconds: (isShort(kind) ? 3 : 20) / (quick ? 2 : 1),
-  tidy: !isShort(kind),
+  collectBefore: !isShort(kind),
 });
 
 if (against) subjects['other build'] = require(path.resolve(against));

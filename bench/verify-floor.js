@@ -1,9 +1,10 @@
 'use strict';
 
 // Proves with strace that the floor makes the module's system calls: the same ones in the same
-// order, on the same files, with the same flags and results. Only what a call returns in memory is
-// left out, and the memory that either of them asks for. So the module cannot make another call, or
-// flush another time, unless floor.cc says so too. Prints how many of both an operation takes.
+// order, on the same files, with the same flags and results. So the module cannot make another call,
+// or flush another time, unless floor.cc says so too. Left out are what a call returns in memory, and
+// what Node makes calls of its own for: memory, locks and the number of the process. Prints how many
+// calls and flushes an operation takes.
 
 const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -83,7 +84,6 @@ function main() {
       '-s',
       '80',
       '-e',
-      // What the garbage collector calls as well, and whenever it likes.
       'trace=!%memory,futex,getpid',
       '-e',
       'verbose=none',

@@ -19,7 +19,7 @@ struct Identity {
   uint64_t dev = 0;
   uint64_t ino = 0;
 
-  // That only `dev` differs takes a second file system, mounted over a name of the first.
+  // Inode numbers repeat from one file system, or subvolume, to the next.
   bool operator==(const Identity&) const = default;
 };
 

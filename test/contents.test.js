@@ -12,7 +12,7 @@ const tarvek = require('./support/tarvek.js');
 
 const BLOCK = 65536;
 // In the order of their UTF-8 bytes, which is not that of their UTF-16 units.
-const SORTED = ['.hidden', '.tarvek-1-1-0', '0', '10', '9', 'B', 'a', 'a0', 'b', 'é', 'ｚ', '😀'];
+const SORTED = ['.hidden', '.tarvek-1-1-0', '0', '10', '9', 'B', 'a', 'a0', 'aé', 'b', 'é', 'ｚ', '😀'];
 const LAYOUT = { d: {}, special: { dir: {}, f: '', p: fifo(), s: socket() } };
 const MANY = Array.from({ length: 2000 }, (_, i) => `${'n'.repeat(i % 200)}-${i}`);
 

@@ -74,7 +74,7 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
   if (!file.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
   if (::fstat(file.Get(), &opened) != 0) return RefuseErrno(env, errno);
-  // No file system of today reports a negative size, but none would be safe to ask memory for.
+  // A negative size, which no file system of today reports, must not become a length to allocate.
   if (!IsSoleFile(opened) || !SameStableMetadata(named, opened) || opened.st_size < 0) {
     return Refuse(env, kSourceReplaced);
   }
@@ -100,7 +100,7 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, std::string path,
   Descriptor directory = OpenDirectoryAt(dirFd, name);
   if (!directory.IsOpen()) return RefuseErrno(env, errno);
   // A failing fstat counts as a replaced directory here, while a file's is reported by its errno.
-  // What O_DIRECTORY opened is a directory.
+  // The type cannot be another one behind O_DIRECTORY; it is asked all the same.
   struct stat opened;
   if (::fstat(directory.Get(), &opened) != 0 || !S_ISDIR(opened.st_mode) ||
       !SameStableMetadata(named, opened)) {
@@ -188,9 +188,9 @@ bool CapturePath(napi_env env, const Root& root, const Segments& segments, Captu
 
 // Every element is converted before anything is opened. False: one was refused.
 bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
-  uint32_t length = 0;
-  if (!GetLength(env, value, &length)) return false;
-  for (uint32_t index = 0; index < length; ++index) {
+  uint32_t count = 0;
+  if (!GetElementCount(env, value, &count)) return false;
+  for (uint32_t index = 0; index < count; ++index) {
     napi_value element = nullptr;
     napi_get_element(env, value, index, &element);
     Segments segments;

@@ -3,6 +3,7 @@
 // large capture takes a twentieth longer.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -30,15 +31,15 @@ class IdentitySet {
   // 2^64 divided by the golden ratio.
   static constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
 
-  // Where it is, or where it would go. Multiplying spreads inode numbers that follow one another,
-  // or that somebody has chosen, over all slots.
+  // Where it is, or where it would go. Inode numbers come in runs and with zeros at either end; the
+  // uppermost bits of the product differ for all of them. Numbers chosen to collide cost time only.
   [[nodiscard]] size_t SlotOf(const Identity& identity) const {
     const uint64_t mixed = (identity.ino ^ identity.dev << 32) * kSpread;
-    size_t slot = mixed >> 32;
-    for (;; ++slot) {
-      slot &= slots_.size() - 1;
-      if (slots_[slot] == kEmpty || identities_[slots_[slot]] == identity) return slot;
+    size_t slot = mixed >> (std::countl_zero(slots_.size()) + 1);
+    while (slots_[slot] != kEmpty && identities_[slots_[slot]] != identity) {
+      slot = (slot + 1) & (slots_.size() - 1);
     }
+    return slot;
   }
 
   void Grow() {
