@@ -12,7 +12,21 @@ const tarvek = require('./support/tarvek.js');
 
 const BLOCK = 65536;
 // In the order of their UTF-8 bytes, which is not that of their UTF-16 units.
-const SORTED = ['.hidden', '.tarvek-1-1-0', '0', '10', '9', 'B', 'a', 'a0', 'aé', 'b', 'é', 'ｚ', '😀'];
+const SORTED = [
+  '.hidden',
+  '.tarvek-1-1-0',
+  '0',
+  '10',
+  '9',
+  'B',
+  'a',
+  'a0',
+  'aé',
+  'b',
+  'é',
+  'ｚ',
+  '😀',
+];
 const LAYOUT = { d: {}, special: { dir: {}, f: '', p: fifo(), s: socket() } };
 const MANY = Array.from({ length: 2000 }, (_, i) => `${'n'.repeat(i % 200)}-${i}`);
 
@@ -39,7 +53,7 @@ cases('reading and comparing', LAYOUT, {
       const files = tarvek.snapshot(handle, ['d']);
       const all = [...captured.map(({ body }) => body), ...read, ...Object.values(files)];
       const same = all.map((copy) => Buffer.isBuffer(copy) && copy.equals(bytes));
-      assert.deepEqual(same, Array(9).fill(true), size);
+      assert.deepEqual(same, Array(9).fill(true), `${size} bytes`);
 
       const fd = ctx.open(ctx.at('d', 'c'));
       const publish = (expected) => [handle, fd + 0.5, ['d', 'c'], ['d', 'p'], expected];

@@ -92,7 +92,7 @@ const WORKER = `
   parentPort.postMessage(outcomes);`;
 
 async function expectInWorker(...expected) {
-  const module = process.env.TARVEK_MODULE ?? require.resolve('..');
+  const module = process.env.TARVEK_MODULE || require.resolve('..');
   const calls = GREEDY.map((words) => prepare(place, words));
   const workerData = { module, root: place.root, calls };
   const worker = new Worker(WORKER, { eval: true, workerData });

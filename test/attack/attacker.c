@@ -81,6 +81,10 @@ static void Round(char kind, const char* directory, const char* name, const char
   if (kind == 'h' && link(target, decoy) == 0) ByExchange(dir, name, decoy);
   if (kind == 's' && symlink(target, decoy) == 0) ByExchange(dir, name, decoy);
   if (kind == 'r' && symlink(target, decoy) == 0) ByRename(dir, name, decoy, away);
+  // A victim that was caught between linking and unlinking refuses what has two names from then on.
+  struct stat left;
+  const int found = kind != 'l' && fstatat(dir, name, &left, AT_SYMLINK_NOFOLLOW) == 0;
+  if (found && S_ISREG(left.st_mode) && left.st_nlink > 1) unlinkat(dir, name, 0);
   // Directories stay.
   unlink(decoy);
   unlink(away);
@@ -90,6 +94,8 @@ static void Round(char kind, const char* directory, const char* name, const char
 int main(int argc, char** argv) {
   const pid_t parent = getppid();
   signal(SIGTERM, Stop);
+  puts("ready");
+  fflush(stdout);
   while (!stopped && getppid() == parent) {
     char** words = argv + 1 + 4 * (rand() % (argc / 4));
     Round(words[0][0], words[1], words[2], words[3]);

@@ -22,15 +22,16 @@ static struct {
   int32_t armed;                 // set to 1 with all that follows
   int32_t first, count, action;  // what befalls which calls, counted from 1
   int32_t error[2];              // of the first call that fails, and of those after it
-  int32_t calls, ended, length;  // made so far; how the victim died; of the record
+  int32_t calls, ended, length;  // made so far; how the victim or the swap ended; of the record
   char swapped[2][256];          // paths
   char record[1 << 16];          // a JSON array for each call: name, arguments, result
 } state;
 
-// All that is wrapped takes up to six integers or pointers. On x86-64 these travel in registers,
-// whatever their types and number, so one signature serves for all.
-typedef long Function(long, long, long, long, long, long);
-#define CALL(function, a) function(a[0], a[1], a[2], a[3], a[4], a[5])
+// All that is wrapped takes integers or pointers, up to seven of them. On x86-64 the first six
+// travel in registers and the last one at a known place, whatever their types and number, so one
+// signature serves for all.
+typedef long Function(long, long, long, long, long, long, long);
+#define CALL(function, a) function(a[0], a[1], a[2], a[3], a[4], a[5], a[6])
 
 #define RECORD(...) state.length += sprintf(state.record + state.length, __VA_ARGS__)
 
@@ -76,7 +77,8 @@ static long Act(Function* real, const char* name, const char* shape, long* a) {
   }
   if (due == SHORT && number != NULL) a[number - shape] -= a[number - shape] / 2;
   if (due == SWAP) {
-    renameat2(AT_FDCWD, state.swapped[0], AT_FDCWD, state.swapped[1], RENAME_EXCHANGE);
+    const char *a = state.swapped[0], *b = state.swapped[1];
+    state.ended = renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE);
   }
   const long result = CALL(real, a);
   if (due == KILL) raise(SIGKILL);
@@ -101,13 +103,13 @@ void* napi_register_module_v1(void* env, void* exports) {
 
 // Fails while it looks for the real one: older C libraries call calloc there, and cope.
 #define WRAP(name, shape)                                                             \
-  long Wrapped_##name(long, long, long, long, long, long) __asm__(#name);             \
-  long Wrapped_##name(long a, long b, long c, long d, long e, long f) {               \
+  long Wrapped_##name(long, long, long, long, long, long, long) __asm__(#name);       \
+  long Wrapped_##name(long a, long b, long c, long d, long e, long f, long g) {       \
     static Function* real;                                                            \
     static _Thread_local int searching;                                               \
     if (real == NULL && searching++) return 0;                                        \
     if (real == NULL) real = (Function*)dlsym(RTLD_NEXT, #name);                      \
-    long all[] = {a, b, c, d, e, f};                                                  \
+    long all[] = {a, b, c, d, e, f, g};                                               \
     return Intercept(real, #name, shape, all, (uint64_t)__builtin_return_address(0)); \
   }
 

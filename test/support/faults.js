@@ -16,6 +16,7 @@ const tarvek = require('./tarvek.js');
 const library = compile('interpose/faults.c', '-shared', '-fPIC', '-Wl,-z,lazy', '-ldl');
 const { LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
 
+if (/[ :]/.test(library)) throw new Error(`LD_PRELOAD cannot take the path ${library}`);
 if (!LD_PRELOAD.includes(library)) {
   // Ahead of a sanitizer's runtime as well, which else would be the one that calls.
   process.env.LD_PRELOAD = `${library}:${LD_PRELOAD}`;
@@ -52,7 +53,7 @@ function run(scenario, { first = 0, count = 1, action = 'nothing', errnos = [], 
     const [operation, args] = prepare(ctx, scenario.call);
     for (const [i, at] of (swap?.(ctx) ?? []).entries()) swapped[i].write(`${at}\0`);
     const errors = [0, 1].map((i) => errno[errnos[i]] ?? 0);
-    state.set([1, first, count, ACTIONS.indexOf(action), ...errors, 0, 0, 0]);
+    state.set([1, first, count, ACTIONS.indexOf(action), ...errors, 0, -1, 0]);
     const outcome = thrownBy(() => tarvek[operation](...args));
     state[0] = 0;
     const text = Buffer.from(shared.exports, RECORD, state[LENGTH]);

@@ -7,6 +7,7 @@ const net = require('node:net');
 const os = require('node:os');
 const path = require('node:path');
 const test = require('node:test');
+const { inspect } = require('node:util');
 const tarvek = require('./tarvek.js');
 
 // The lines of a table, split where two blanks or more stand.
@@ -41,8 +42,11 @@ const fifo = () => (at) => execFileSync('mkfifo', [at]);
 const socket = () => (at) => {
   // Closing the server takes away the name that it was bound to.
   const server = net.createServer().listen(`${at}~`);
-  fs.renameSync(`${at}~`, at);
-  server.close();
+  try {
+    fs.renameSync(`${at}~`, at);
+  } finally {
+    server.close();
+  }
 };
 const withMode = (mode, content) => (at) => {
   build(at, content);
@@ -118,6 +122,8 @@ function prepare(ctx, words) {
 
 // One directory for the whole process: the root that tests work in, and room for what is outside.
 const base = fs.mkdtempSync(path.join(fs.realpathSync(os.tmpdir()), 'tarvek-'));
+// A set-group-ID bit would go down into all that is made in it.
+fs.chmodSync(base, 0o700);
 process.on('exit', () => fs.rmSync(base, { recursive: true, force: true }));
 const root = path.join(base, 'root');
 process.umask(0o022);
@@ -201,7 +207,10 @@ function expectThrough(callWith) {
 // An error's message, and where in a test file it came up.
 function told(error) {
   const [where] = /\n.*\.test\.js:.*/.exec(error?.stack) ?? [''];
-  return `${error?.message ?? error}${where}`;
+  // Older Nodes leave them out where an assertion has a message of its own.
+  const { generatedMessage, actual, expected } = error ?? {};
+  const values = generatedMessage === false ? inspect({ actual, expected }, { depth: 4 }) : '';
+  return `${error?.message ?? error} ${values}${where}`;
 }
 
 // One test of many rows, each [name, body]; every failing row is told.
