@@ -24,8 +24,8 @@ const CONTENTS = [
   /^docs\/\w+\.md$/,
   /^index\.(js|mjs|d\.ts|d\.mts)$/,
   /^addon\/(\w+\.(cc|h)|exports\.map)$/,
-  /^confine\/\w+\.(cc|h)$/,
-  /^(ops|tree)\/\w+\.cc$/,
+  /^(confine|tree)\/\w+\.(cc|h)$/,
+  /^ops\/\w+\.cc$/,
   /^examples\/[\w-]+\.js$/,
   /^prebuilds\/linux-x64\/tarvek\.node$/,
 ];
