@@ -173,7 +173,7 @@ const RETURNED = [
   [0, [0, -0, 0.9, NaN, Infinity, -Infinity, 2 ** 32]],
 ].flatMap(([count, values]) => values.map((value) => [`${value}`, { f: OLD }, count, value]));
 
-each('append flushes the part that its hook allows, then fails', RETURNED, (ctx, count, value) => {
+each('append flushes as much as its hook allows, then fails', RETURNED, (ctx, count, value) => {
   const fired = [];
   const hook = ({ point }) => fired.push(point) && (point === 'append-write' ? value : 1);
   const call = ['append', [ctx.handle, ['f'], 0, 0, Buffer.from('abcde')]];
