@@ -3,7 +3,7 @@
 // Runs test files on the sanitizer build: node scripts/test-asan.js FILE...
 // Fails when a test fails, when a sanitizer reports a fault, or when memory of the module leaked.
 // Leaves out the crash tests: they go on in copies of the process, and there the runtime's allocator
-// waits for ever for a lock that a thread without a copy held.
+// may wait for ever for a lock that a thread without a copy held.
 
 const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
