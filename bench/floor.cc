@@ -263,7 +263,7 @@ const std::map<std::string, std::vector<Step>> kOperations{
               FlushOther, LeaveOther, Leave}},
     {"publishVerified", {Enter, EnterOther, Prove, ProveOther, Prove, ProveOther,
                          GetCandidateFlags, LookAtCandidate, CompareCandidate, LookAtCandidate,
-                         HardLink, LookOther, Unlink, FlushParent, FlushOther, LeaveOther, Leave}},
+                         HardLink, LookOther, Unlink, FlushOther, FlushParent, LeaveOther, Leave}},
     {"capture", {Enter, Prove, Capture, Prove, Leave}},
     {"snapshot", {Enter, Prove, OpenDirectory, Fstat, Look, Snapshot, CloseFile, Leave}},
 };

@@ -45,8 +45,8 @@ bool OpenBothParents(napi_env env, const Root& root, const Segments& from, const
          PreEffect(env, root, *source, from) && PreEffect(env, root, *destination, to);
 }
 
-bool FlushBothParents(const Parent& source, const Parent& destination) {
-  return ::fsync(source.fd.Get()) == 0 && ::fsync(destination.fd.Get()) == 0;
+bool FlushBothParents(const Parent& first, const Parent& second) {
+  return ::fsync(first.fd.Get()) == 0 && ::fsync(second.fd.Get()) == 0;
 }
 
 }  // namespace tarvek

@@ -55,7 +55,7 @@ bool OpenTarget(napi_env env, napi_callback_info info, bool create, Target* targ
 bool OpenBothParents(napi_env env, const Root& root, const Segments& from, const Segments& to,
                      Parent* source, Parent* destination);
 
-// Flushes both directories, in this order and also when they are one. False: errno says why.
-bool FlushBothParents(const Parent& source, const Parent& destination);
+// Flushes both directories, in this order and also when they are one. Returns false with errno set.
+bool FlushBothParents(const Parent& first, const Parent& second);
 
 }  // namespace tarvek

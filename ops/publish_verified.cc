@@ -108,7 +108,9 @@ napi_value PublishVerified(napi_env env, napi_callback_info info) {
     (void)::unlinkat(destination.fd.Get(), to, 0);
     return FailErrno(env, unlinkError);
   }
-  if (!FlushBothParents(source, destination)) return FailErrno(env, errno);
+  // The new name first: on btrfs a directory's flush brings only that directory's changes to the
+  // disk, and a power cut after the candidate's would leave the file without any name.
+  if (!FlushBothParents(destination, source)) return FailErrno(env, errno);
   return Undefined(env);
 }
 
