@@ -27,11 +27,27 @@ napi_value HookArgument(napi_env env, const char* point, std::string_view segmen
   return argument;
 }
 
+// Frees what is made for one event when the event is over: a capture fires once for each file.
+class EventScope {
+ public:
+  explicit EventScope(napi_env env) : env_(env) { napi_open_escapable_handle_scope(env_, &scope_); }
+  EventScope(const EventScope&) = delete;
+  EventScope& operator=(const EventScope&) = delete;
+  ~EventScope() { napi_close_escapable_handle_scope(env_, scope_); }
+
+  void Keep(napi_value value, napi_value* kept) { napi_escape_handle(env_, scope_, value, kept); }
+
+ private:
+  napi_env env_;
+  napi_escapable_handle_scope scope_ = nullptr;
+};
+
 }  // namespace
 
 bool Hook(napi_env env, const char* point, std::string_view segment, uint32_t index,
           napi_value* result) {
   if (test_hook == nullptr) return true;
+  EventScope scope(env);
   napi_value callback = nullptr;
   napi_value global = nullptr;
   napi_get_reference_value(env, test_hook, &callback);
@@ -39,7 +55,7 @@ bool Hook(napi_env env, const char* point, std::string_view segment, uint32_t in
   const napi_value argument = HookArgument(env, point, segment, index);
   napi_value returned = nullptr;
   if (napi_call_function(env, global, callback, 1, &argument, &returned) != napi_ok) return false;
-  if (result != nullptr) *result = returned;
+  if (result != nullptr) scope.Keep(returned, result);
   return true;
 }
 
