@@ -68,7 +68,7 @@ bool GetBytes(napi_env env, napi_value value, Bytes* out) {
 
 bool StillHolds(napi_env env, napi_value value, const Bytes& bytes) {
   Bytes now;
-  return GetBytes(env, value, &now) && now.data == bytes.data && now.length == bytes.length;
+  return GetBytes(env, value, &now) && now.data == bytes.data && now.length >= bytes.length;
 }
 
 bool GetElementCount(napi_env env, napi_value value, uint32_t* count) {

@@ -47,9 +47,9 @@ bool GetString(napi_env env, napi_value value, std::string* out);
 // Whatever napi_is_buffer accepts.
 bool GetBytes(napi_env env, napi_value value, Bytes* out);
 
-// Whether `value` still is the memory that GetBytes found. A callback that ran in between may have
-// detached, transferred or shrunk it, and `bytes` would then point at memory that is no longer ours
-// to read: ask after the last callback and before the first use.
+// Whether `bytes` may still be read. A callback that ran since GetBytes may have detached,
+// transferred or shrunk the Buffer, and its memory may be gone. Ask after the last callback and
+// before the first use. A Buffer that has grown in place still holds the bytes.
 bool StillHolds(napi_env env, napi_value value, const Bytes& bytes);
 
 // Of an array that holds at least one element. Anything else is refused.
