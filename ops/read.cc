@@ -11,7 +11,7 @@
 
 #include "addon/error.h"
 #include "addon/operations.h"
-#include "confine/file_bytes.h"
+#include "confine/file_buffer.h"
 #include "confine/parent.h"
 
 namespace tarvek {
@@ -36,9 +36,8 @@ napi_value Read(napi_env env, napi_callback_info info) {
     return Throw(env, kOutOfRoot);
   }
 
-  FileBytes bytes;
-  if (!ReadFileBytes(env, file.Get(), opened.st_size, &bytes)) return nullptr;
-  return BufferCopy(env, bytes);
+  napi_value content = nullptr;
+  return ReadFileBuffer(env, file.Get(), opened.st_size, &content) ? content : nullptr;
 }
 
 }  // namespace tarvek

@@ -28,10 +28,10 @@ const STORIES = lines(`
   openRoot               1000  open STEP* open CHAIN fstat:outside dup
   openRelative           400   WALK CHAIN fstat:outside dup
   exists                 790   dup LOOK* CHAIN fstatat:answer | dup LOOK openat:answer
-  read                   348   WALK CHAIN TAKE LOAD
+  read                   320   WALK CHAIN TAKE LOAD
   list                   460   WALK CHAIN STEP NAMES
-  capture                1196  WALK CHAIN ENTER NAMES COPY ENTER NAMES COPY AGAIN AGAIN CHAIN
-  snapshot               936   WALK CHAIN STEP NAMES SAFE LOAD SAFE NAMES SAFE LOAD
+  capture                1100  WALK CHAIN ENTER NAMES COPY ENTER NAMES COPY AGAIN AGAIN CHAIN
+  snapshot               860  WALK CHAIN STEP NAMES SAFE LOAD SAFE NAMES SAFE LOAD
   write                  1882  MAKE CHAIN fstatat:absent openat write:lost fsync:lost CHAIN renameat fsync
   create                 652   MAKE CHAIN fstatat:absent openat:taken write fsync fsync
   append                 1120  MAKE CHAIN fstatat:absent openat:again AGAIN write fsync fsync
@@ -54,7 +54,7 @@ const STORIES = lines(`
   PROVE                  -     fstatat:outside openat:outside
   NAMES                  -     dup:stream fdopendir
   TAKE                   -     fstatat openat fstat
-  LOAD                   -     calloc:storage read
+  LOAD                   -     read
   AGAIN                  -     fstat fstatat
   COPY                   -     TAKE LOAD AGAIN
   ENTER                  -     fstatat openat fstat:replacedDirectory

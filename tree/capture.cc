@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,7 +24,7 @@
 #include "addon/results.h"
 #include "addon/root.h"
 #include "confine/directory.h"
-#include "confine/file_bytes.h"
+#include "confine/file_buffer.h"
 #include "confine/levels.h"
 #include "confine/parent.h"
 #include "tree/identity_set.h"
@@ -38,7 +39,7 @@ struct CaptureEntry {
   std::string path;  // relative to the root, "/" between the names
   uint32_t mode;     // the whole st_mode
   bool directory;
-  FileBytes body;  // nothing for a directory
+  FileBody body;  // empty for a directory
 };
 
 // What one call has gathered, over all of its paths.
@@ -80,8 +81,8 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
   }
   if (captured->identities.Contains(IdentityOf(opened))) return Refuse(env, kSourceDuplicated);
 
-  FileBytes body;
-  if (!ReadFileBytes(env, file.Get(), opened.st_size, &body)) return false;
+  FileBody body;
+  if (!ReadFileBody(env, file.Get(), opened.st_size, &body)) return false;
   if (!Hook(env, "capture-file-read", path, 0)) return false;
   struct stat after;
   struct stat again;
@@ -144,6 +145,14 @@ bool CaptureOrEnter(napi_env env, int dirFd, const char* name, std::string path,
   }
 }
 
+// In one allocation; with operator+ it would take two for every entry.
+std::string ChildPath(const std::string& directory, const char* name) {
+  const size_t length = std::strlen(name);
+  std::string path;
+  path.reserve(directory.size() + 1 + length);
+  return path.append(directory).append(1, '/').append(name, length);
+}
+
 // Captures one object, and for a directory all that is beneath it. `named` is what the name was
 // found to be just before. False: it has thrown.
 bool CaptureNode(napi_env env, int dirFd, const char* name, std::string path,
@@ -163,7 +172,7 @@ bool CaptureNode(napi_env env, int dirFd, const char* name, std::string path,
     if (::fstatat(holderFd, child, &status, AT_SYMLINK_NOFOLLOW) != 0) {
       return RefuseErrno(env, errno);
     }
-    std::string childPath = captured->entries[level.entry].path + '/' + child;
+    std::string childPath = ChildPath(captured->entries[level.entry].path, child);
     if (!CaptureOrEnter(env, holderFd, child, std::move(childPath), status, captured, &levels)) {
       return false;
     }
@@ -227,14 +236,13 @@ napi_value Record(napi_env env, const RecordTexts& texts, const CaptureEntry& en
   napi_set_property(env, record, texts.path, String(env, entry.path));
   napi_set_property(env, record, texts.type, entry.directory ? texts.directory : texts.file);
   napi_set_property(env, record, texts.mode, mode);
-  if (!entry.directory) {
-    const napi_value body = BufferCopy(env, entry.body);
-    napi_set_property(env, record, texts.body, body);
-  }
+  if (!entry.directory) napi_set_property(env, record, texts.body, BodyBuffer(env, entry.body));
   return record;
 }
 
-// Each native body goes as soon as its Buffer is made, so that the whole is never held twice.
+// Only here, after the whole walk: a setter that the program has put on Object.prototype runs when
+// a record is made, and must not run between two looks. What is left of an entry goes at once, so
+// that small files are not held twice.
 napi_value RecordArray(napi_env env, std::vector<CaptureEntry>* entries) {
   const RecordTexts texts(env);
   napi_value result = nullptr;

@@ -21,7 +21,7 @@
 #include "addon/operations.h"
 #include "addon/results.h"
 #include "confine/directory.h"
-#include "confine/file_bytes.h"
+#include "confine/file_buffer.h"
 #include "confine/levels.h"
 #include "confine/parent.h"
 
@@ -47,9 +47,9 @@ bool AddFile(napi_env env, int dirFd, const char* name, const std::string& key,
   if (!file.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
   if (!IsStill(file.Get(), named, &opened)) return Refuse(env, kOutOfRoot);
-  FileBytes bytes;
-  if (!ReadFileBytes(env, file.Get(), opened.st_size, &bytes)) return false;
-  napi_set_named_property(env, target, key.c_str(), BufferCopy(env, bytes));
+  napi_value content = nullptr;
+  if (!ReadFileBuffer(env, file.Get(), opened.st_size, &content)) return false;
+  napi_set_named_property(env, target, key.c_str(), content);
   return true;
 }
 

@@ -119,5 +119,5 @@ WRAP(fstat, "i")        WRAP(__fxstat, "pi")    WRAP(fstatat, "is")     WRAP(__f
 WRAP(read, "ipn")       WRAP(pread, "ipn")      WRAP(write, "ibn")      WRAP(readlinkat, "ispn")
 WRAP(dup, "i")          WRAP(close, "i")        WRAP(fsync, "i")        WRAP(getrandom, "pn")
 WRAP(mkdirat, "is")     WRAP(unlinkat, "is")    WRAP(linkat, "isis")    WRAP(renameat, "isis")
-WRAP(calloc, "*")       WRAP(readdir, "*")      WRAP(closedir, "")      WRAP(fdopendir, "i*")
+WRAP(readdir, "*")      WRAP(closedir, "")      WRAP(fdopendir, "i*")
 WRAP(syscall, "iisis")
