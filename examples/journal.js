@@ -1,10 +1,11 @@
 'use strict';
 
-// A journal for one writer: entries are appended to one file, each of them flushed, and survive a
-// crash at any moment.
+// A journal for one writer. Each entry is appended to one file and flushed, and a crash at any moment
+// loses no entry whose append had returned.
 //
-// Each line is a checksum and an entry as JSON. A crash in the middle of an append can leave a torn
-// tail; opening the journal cuts it off, in one step, before anything is written behind it.
+// A line holds a checksum and an entry as JSON. A crash during an append can leave part of a line at
+// the end, and an append whose flush failed can leave lines that the disk does not have. So opening
+// the journal writes its good lines anew, in one step.
 
 const { createHash } = require('node:crypto');
 const tarvek = require('tarvek');
@@ -16,24 +17,24 @@ function toLine(text) {
   return `${checksum} ${text}`;
 }
 
-// Undefined for a line that is not whole.
+// Undefined if the checksum does not match.
 function fromLine(line) {
   const text = line.slice(CHECKSUM_LENGTH + 1);
   return line === toLine(text) ? JSON.parse(text) : undefined;
 }
 
-// The entries, and how many bytes they take. What follows them is the torn tail.
+// The entries, and how many bytes their lines take. The bytes after these are the torn tail.
 function parse(bytes) {
   const entries = [];
   let size = 0;
   let start = 0;
   for (let end = bytes.indexOf('\n'); end !== -1; end = bytes.indexOf('\n', start)) {
     const entry = fromLine(bytes.toString('utf8', start, end));
-    const isBehindTorn = start !== size;
+    const isAfterBadLine = start !== size;
     start = end + 1;
     if (entry === undefined) continue;
-    // An append never goes behind a torn line: this is other damage, and not for us to cut away.
-    if (isBehindTorn) throw new Error('the journal is damaged before its end');
+    // This journal never appends after a bad line. To cut here would lose good entries.
+    if (isAfterBadLine) throw new Error('the journal is damaged before its end');
     entries.push(entry);
     size = start;
   }
@@ -43,17 +44,16 @@ function parse(bytes) {
 function openJournal(root, file) {
   const bytes = tarvek.exists(root, file) ? tarvek.read(root, file) : Buffer.alloc(0);
   const { entries, size } = parse(bytes);
-  if (size < bytes.length) tarvek.write(root, file, bytes.subarray(0, size));
+  if (bytes.length > 0) tarvek.write(root, file, bytes.subarray(0, size));
 
   let known = size;
 
-  // Throws OPTIMISTIC_CONFLICT when the file has lost entries that this journal knows of.
+  // Throws OPTIMISTIC_CONFLICT if the file is shorter than the entries that this journal knows.
   function append(entry) {
     if (known === undefined) throw new Error('an append failed: open the journal again');
     const line = Buffer.from(`${toLine(JSON.stringify(entry))}\n`);
     const start = known;
-    // Until the append returns, what the file ends with is not known: a line behind a torn one
-    // would be lost with it.
+    // If the append fails, the end of the file is unknown. A line after a torn one would be lost.
     known = undefined;
     tarvek.append(root, file, start, start, line);
     known = start + line.length;
@@ -84,7 +84,7 @@ if (require.main === module) {
 
     fs.appendFileSync(onDisk, toLine('{"amount":100}').slice(0, 20));
     const reopened = openJournal(root, file);
-    console.log('recovered:', JSON.stringify(reopened.entries), 'after a torn fourth one');
+    console.log('recovered:', JSON.stringify(reopened.entries), 'and cut off a torn fourth entry');
 
     fs.truncateSync(onDisk, 10);
     try {

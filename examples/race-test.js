@@ -1,10 +1,11 @@
 'use strict';
 
-// How to test that an application holds its ground while others change the disk under it.
+// How to test that an application stays safe while another process changes the disk.
 //
-// The test hook is called at named moments inside tarvek's functions, and a stage callback at those
-// of one write. The first test makes a run to learn the moments, then one run for each of them with
-// the attack at exactly that moment; the second one fails a write at every stage.
+// tarvek calls the test hook at named points inside its functions, and the stage callback at the
+// stages of one write. The first test runs the application once to record all these moments. Then it
+// runs it once for each moment, with an attack at that moment. The second test lets a write fail at
+// each stage.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
@@ -13,8 +14,8 @@ const path = require('node:path');
 const test = require('node:test');
 const tarvek = require('tarvek');
 
-// The application under test. Stages are only asked for by tests: an argument that is there must be
-// a function.
+// The application under test. Only tests pass a stage callback. It is a rest parameter since tarvek
+// refuses an explicit `undefined`.
 function saveNote(root, author, text, ...onStage) {
   tarvek.write(root, ['notes', author, 'latest.txt'], Buffer.from(text), ...onStage);
 }
@@ -36,14 +37,13 @@ function makePlace() {
   return { root, outside, notes, remove };
 }
 
-// From here on the note is in place, and an attack comes too late to be refused.
+// From the rename on, the new note is in place. An attack is too late then, and is not refused.
 const inPlaceAt = (moment) => ['after-file-rename', 'after-directory-sync'].includes(moment);
 
 const contents = (directory) =>
   fs.readdirSync(directory).map((name) => fs.readFileSync(path.join(directory, name), 'utf8'));
 
-// Saves a note and calls `at(moment)` at every moment of it; a moment is a point or a stage. Tells
-// the code of a refusal.
+// Saves a note and calls `at(moment)` at every point and stage. Returns the code if tarvek refuses.
 function saveObserved(root, at) {
   tarvek.setTestHook(({ point, segment }) => at(`${point} ${segment}`));
   try {
@@ -73,7 +73,7 @@ function attackAt(attacked) {
       fs.renameSync(notes, `${notes}-moved`);
       fs.symlinkSync(outside, notes);
     });
-    assert.deepEqual(contents(outside), ['old'], 'nothing outside was touched');
+    assert.deepEqual(contents(outside), ['old'], 'nothing outside has changed');
     const expected = inPlaceAt(attacked) ? [undefined, ['new']] : ['PATH_OUT_OF_ROOT', ['old']];
     assert.deepEqual([code, contents(`${notes}-moved`)], expected);
   } finally {
@@ -93,20 +93,20 @@ function failAt(stage) {
       (error) => error === failure,
     );
     const expected = inPlaceAt(stage) ? 'new' : 'old';
-    assert.deepEqual(contents(notes), [expected], 'one whole note and nothing beside it');
+    assert.deepEqual(contents(notes), [expected], 'one whole note and no other file');
   } finally {
     remove();
   }
 }
 
 function raceTests() {
-  test('a note stays inside, whenever its directory is swapped for a link', async (t) => {
+  test('a note stays inside when its directory is swapped for a symlink', async (t) => {
     const moments = momentsOfSave();
     assert.equal(moments.length, 8, moments.join());
     for (const moment of moments) await t.test(moment, () => attackAt(moment));
   });
 
-  test('a save that fails leaves the old note or the new one', async (t) => {
+  test('a failed save leaves the old note or the new one', async (t) => {
     const stages = momentsOfSave().filter((moment) => /^(after|before)-/.test(moment));
     assert.equal(stages.length, 5, stages.join());
     for (const stage of stages) await t.test(stage, () => failAt(stage));

@@ -1,13 +1,12 @@
 'use strict';
 
-// Releases: files are staged, verified and published under releases/NAME, and a symbolic link then
-// makes the whole release current in one step.
+// Releases. Files are staged, verified and published in releases/NAME. Then a symlink makes the whole
+// release current in one step.
 //
-// No function of tarvek replaces a link or removes one, so the switch is a new link and never a
-// changed one: switch/00000001, switch/00000002, and so on, each to the directory of a release; the
-// last one counts. A reader finds the old release or the new, two publishers cannot both have the
-// same number, and going back is one more link to an older release. Old links and releases go by
-// other means, once nobody needs them.
+// tarvek neither replaces nor removes symlinks. So each switch makes a new symlink to the directory of
+// a release: switch/00000001, switch/00000002, and so on. The highest number is current. A reader finds
+// the old release or the new one, and two publishers cannot use the same number for two releases. To go
+// back, make one more symlink to an older release. To delete old symlinks, use node:fs.
 
 const fs = require('node:fs');
 const path = require('node:path');
@@ -15,7 +14,7 @@ const tarvek = require('tarvek');
 
 const LINKS = ['switch'];
 
-// Stages one file, verifies it through a descriptor, and publishes just what was verified.
+// Stages one file, verifies it through a descriptor, and publishes exactly the verified bytes.
 function publishFile(directory, root, release, name, body, verify) {
   const candidate = ['staging', release, name];
   tarvek.create(root, candidate, body);
@@ -36,15 +35,15 @@ function lastLink(root) {
   return numbers.at(-1);
 }
 
-// Throws OPTIMISTIC_CONFLICT when another publisher made the same switch to another release.
+// Throws OPTIMISTIC_CONFLICT if another publisher took the number for another release: try again.
 function switchTo(root, release) {
   const next = String(Number(lastLink(root) ?? 0) + 1).padStart(8, '0');
   tarvek.ensureRelativeSymlink(root, [...LINKS, next], ['releases', release]);
   return next;
 }
 
-// `files` maps names to bodies. A name of a release is used once: what a failed attempt published
-// stays, but no link leads to it, and the next attempt takes another name.
+// `files` maps names to bodies. Use each release name once. After a failure some files may have been
+// published, but no symlink leads to them. Call discardStaged, and publish under another name.
 function publishRelease(directory, release, files, verify) {
   const root = tarvek.openRoot(directory);
   try {
@@ -58,8 +57,26 @@ function publishRelease(directory, release, files, verify) {
   }
 }
 
-// The name and the files of the current release, undefined before the first. The link's text only
-// gives a name: this is looked up beneath `releases`, wherever the link itself may lead.
+// Removes the staged files of a failed attempt. A crash inside publishVerified can leave one file under
+// both names, staged and published. tarvek refuses a file with two hard links, and a retry fails. Only
+// node:fs can remove the staged name. unlinkSync resolves a path, so a swapped directory on the way would
+// lead it elsewhere: call this only while no other process can change `staging`.
+function discardStaged(directory, release) {
+  const root = tarvek.openRoot(directory);
+  const staged = ['staging', release];
+  try {
+    if (!tarvek.exists(root, staged)) return;
+    for (const name of tarvek.list(root, staged)) {
+      fs.unlinkSync(path.join(directory, ...staged, name));
+    }
+    tarvek.remove(root, staged);
+  } finally {
+    tarvek.close(root);
+  }
+}
+
+// The name and the files of the current release; undefined before the first one. Only the last name in
+// the text of the symlink is used, and looked up in `releases`. The symlink itself is not followed.
 function currentRelease(directory) {
   const root = tarvek.openRoot(directory);
   try {
@@ -72,7 +89,7 @@ function currentRelease(directory) {
   }
 }
 
-module.exports = { publishRelease, switchTo, currentRelease };
+module.exports = { publishRelease, discardStaged, switchTo, currentRelease };
 
 if (require.main === module) {
   const os = require('node:os');
@@ -102,6 +119,12 @@ if (require.main === module) {
     console.log('back, link:', switchTo(root, '1.0.0'));
     tarvek.close(root);
     show();
+    // As a crash inside publishVerified leaves it: one file under both names.
+    const file = (top) => path.join(directory, top, '1.2.0', 'index.html');
+    fs.mkdirSync(path.dirname(file('releases')));
+    fs.linkSync(file('staging'), file('releases'));
+    discardStaged(directory, '1.2.0');
+    console.log('discarded; still staged:', fs.readdirSync(path.join(directory, 'staging')).length);
   } finally {
     fs.rmSync(directory, { recursive: true });
   }

@@ -2,23 +2,26 @@
 
 // A tour of what tarvek does, on real files: node examples/tour.js [DIR]
 //
-// Captures DIR (by default the package's own files) and holds every record against node:fs; changes
-// files in a scratch directory, which it removes again; and plays the classic attack, once against
-// plain node:fs and once against tarvek. DIR itself is only read. The exit status is 0 if every step
-// went as it should.
+// 1. Captures DIR (by default the files of this package) and compares every record with node:fs. What
+//    capture refuses, check.js explains. DIR is only read.
+// 2. Changes and publishes files in a scratch directory, which it removes at the end.
+// 3. Plays the classic attack on a path, against plain node:fs and against tarvek.
+//
+// The exit status is 0 if every step went as it should.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const tarvek = require('..');
+const { check: obstaclesIn, line, walk } = require('./check.js');
 
 const colours = Boolean(process.stdout.isTTY && process.stdout.hasColors());
 const paint = (code) => (text) => (colours ? `\x1b[${code}m${text}\x1b[0m` : text);
-const [bold, dim, red, green] = [1, 2, 31, 32].map(paint);
+const [bold, dim, red, green, yellow] = [1, 2, 31, 32, 33].map(paint);
 
-const LINE_WIDTH = 84;
-const REFUSALS_SHOWN = 12;
+const TEXT_WIDTH = 76;
+const OBSTACLES_SHOWN = 12;
 const outcomes = { passed: 0, failed: 0 };
 
 const say = (text) => console.log(`    ${text}`);
@@ -27,15 +30,15 @@ const size = (bytes) =>
   bytes < 2 ** 20 ? `${(bytes / 2 ** 10).toFixed(1)} KiB` : `${(bytes / 2 ** 20).toFixed(1)} MiB`;
 
 function report(mark, text, duration) {
-  console.log(`  ${mark} ${text.padEnd(LINE_WIDTH - 16)}${dim(duration.padStart(12))}`);
+  console.log(`  ${mark} ${text.padEnd(TEXT_WIDTH)}${dim(duration.padStart(10))}`);
 }
 
-// One thing that should be so. `body` throws when it is not, and may return a remark.
-function check(text, body) {
+// Runs one step. `body` throws if something is not as it should be, and may return a remark.
+function check(text, body, mark = green('✓')) {
   const start = performance.now();
   try {
     const remark = body();
-    report(green('✓'), text, milliseconds(start));
+    report(mark, text, milliseconds(start));
     if (remark) say(remark);
     outcomes.passed += 1;
   } catch (error) {
@@ -49,115 +52,56 @@ const refused = (code, call) => assert.throws(call, { code }, `should fail with 
 
 // --- Capturing a directory ----------------------------------------------------------------------
 
-const GENERATED = new Set(['build', 'node_modules', 'prebuilds']);
 const PACKAGE = path.join(__dirname, '..');
+const GENERATED = new Set(['build', 'node_modules', 'prebuilds']);
+const isLeftOut = (name) => GENERATED.has(name) || name.startsWith('.');
 
-// What of a package is not written by hand is left out of the default; a DIR is taken whole.
-function entriesOf(directory, isDefault) {
-  const names = fs.readdirSync(directory).sort();
-  return isDefault ? names.filter((name) => !GENERATED.has(name) && name[0] !== '.') : names;
-}
-
-// `npm run` starts scripts in the package's folder, and tells where it was started itself.
+// `npm run` starts scripts in the folder of the package, and says where it was started itself.
 function givenDirectory(argument) {
   if (argument === undefined) return PACKAGE;
   const fromNpm = process.env.npm_lifecycle_event === 'tour' ? process.env.INIT_CWD : undefined;
   return path.resolve(fromNpm ?? process.cwd(), argument);
 }
 
-const CANNOT_START = {
-  ENOENT: 'there is no such directory',
-  ENOTDIR: 'it is no directory',
-  EACCES: 'it may not be reached',
-  NOT_FOUND: 'it vanished meanwhile',
-  PATH_OUT_OF_ROOT: 'a root is a directory other than "/", with no backslash in its path',
-  FILESYSTEM_FAILURE: 'a directory of its path may not be read',
-};
-
-// Undefined, after it has said why, when there is nothing to start from.
+// Undefined, after it has said why, if the directory cannot be opened.
 function openGiven(given) {
   try {
     const directory = fs.realpathSync(given);
     return { directory, root: tarvek.openRoot(directory) };
   } catch (error) {
-    console.error(red(`The tour cannot start at ${given}: ${CANNOT_START[error.code] ?? error}`));
+    const why = error.code === 'ENOENT' ? 'there is no such directory' : error.code;
+    console.error(red(`The tour cannot start at ${given}: ${why}`));
+    console.error(`To see more: node ${path.join(__dirname, 'check.js')} ${given}`);
     return undefined;
   }
 }
 
-// Everything at and beneath a path in capture's order, as node:fs sees it: a directory before what
-// is in it, names by their bytes. Paths are Buffers, since names need not be UTF-8.
-function* walk(top) {
-  const left = [Buffer.from(top)];
-  while (left.length > 0) {
-    const at = left.pop();
-    const stat = fs.lstatSync(at);
-    yield { at, stat };
-    if (!stat.isDirectory()) continue;
-    const names = fs.readdirSync(at, { encoding: 'buffer' }).sort(Buffer.compare);
-    for (const name of names.reverse()) left.push(Buffer.concat([at, Buffer.from('/'), name]));
-  }
-}
-
-const relativeTo = (directory, at) => at.toString().slice(directory.length + 1);
-
 function compareWithNodeFs(directory, name, records) {
   let bytes = 0;
   let index = 0;
-  for (const { at, stat } of walk(path.join(directory, name))) {
+  for (const { at, stat, error } of walk(Buffer.from(path.join(directory, name)))) {
+    assert.ifError(error);
     const record = records[index++];
-    assert.equal(record?.path, relativeTo(directory, at), 'the same entries in the same order');
-    assert.equal(record.type, stat.isDirectory() ? 'directory' : 'file', record.path);
-    assert.equal(record.mode, stat.mode & 0o777, `mode of ${record.path}`);
+    const relative = at.toString().slice(directory.length + 1);
+    assert.equal(record?.path, relative, 'the same entries in the same order');
+    assert.equal(record.type, stat.isDirectory() ? 'directory' : 'file', relative);
+    assert.equal(record.mode, stat.mode & 0o777, `mode of ${relative}`);
     if (record.type === 'directory') continue;
-    assert.ok(record.body.equals(fs.readFileSync(at)), `bytes of ${record.path}`);
+    assert.ok(record.body.equals(fs.readFileSync(at)), `bytes of ${relative}`);
     bytes += record.body.length;
   }
   assert.equal(records.length, index, 'a record for every entry and no more');
   return bytes;
 }
 
-// What capture has to refuse, with its words for it.
-const OBSTACLES = [
-  ['symbolic link in snapshot source', 'is a symbolic link', (stat) => stat.isSymbolicLink()],
-  [
-    'hard-linked snapshot source is forbidden',
-    'is a file with more than one name',
-    (stat) => stat.isFile() && stat.nlink !== 1,
-  ],
-  [
-    'non-regular snapshot source',
-    'is neither a file nor a directory',
-    (stat) => !stat.isFile() && !stat.isDirectory(),
-  ],
-];
-
-// Why capture refused an entry, in the eyes of node:fs. Undefined: there it finds no reason.
-function reasonFor(error, directory, name) {
-  if (name.includes('\\')) return `${name} has a backslash, and cannot be asked for`;
-  if (error.code === 'NOT_FOUND') return `something in ${name} vanished meanwhile`;
-  if (/identity|changed/.test(error.message)) return `something in ${name} changed meanwhile`;
-  try {
-    for (const { at, stat } of walk(path.join(directory, name))) {
-      const [message, what] = OBSTACLES.find(([, , applies]) => applies(stat)) ?? [];
-      if (message) return message === error.message && `${relativeTo(directory, at)} ${what}`;
-      fs.accessSync(at, fs.constants.R_OK);
-    }
-  } catch (cause) {
-    return `${relativeTo(directory, String(cause.path))} cannot be read (${cause.code})`;
-  }
-  return undefined;
-}
-
-function captureEntry(root, directory, name, totals) {
+// Captures each entry by itself, so that one refusal does not hide the others.
+function captureEntry({ directory, root }, name, totals) {
   const start = performance.now();
   let records;
   try {
     records = tarvek.capture(root, [[name]]);
   } catch (error) {
-    const reason = reasonFor(error, directory, name);
-    assert.ok(reason, `${name}: ${error.code}, ${error.message}; node:fs does not explain it`);
-    totals.refused.push(reason);
+    totals.refused.push({ name, error });
     return;
   } finally {
     totals.milliseconds += performance.now() - start;
@@ -167,19 +111,37 @@ function captureEntry(root, directory, name, totals) {
   totals.directories += records.filter(({ type }) => type === 'directory').length;
 }
 
-function captureDirectory({ directory, root }, isDefault) {
-  const totals = { files: 0, directories: 0, bytes: 0, milliseconds: 0, refused: [] };
-  check('capture and node:fs agree on every record, and on every refusal', () => {
-    for (const name of entriesOf(directory, isDefault)) captureEntry(root, directory, name, totals);
-    const { files, directories, bytes, milliseconds: time } = totals;
-    return `files: ${files}, directories: ${directories}, ${size(bytes)}, in ${time.toFixed(2)} ms`;
+// A line for each obstacle in the entries that were refused.
+function explain(directory, refusals) {
+  const obstacles = refusals.length > 0 ? Array.from(obstaclesIn(directory)) : [];
+  return refusals.flatMap(({ name, error: { code, message } }) => {
+    const inEntry = obstacles.filter(({ path: at }) => `${at}/`.startsWith(`${name}/`));
+    const isRace = code === 'NOT_FOUND' || /changed|identity/.test(message);
+    assert.ok(inEntry.length > 0 || isRace, `${name}: ${message}; check.js does not explain it`);
+    return inEntry.length > 0
+      ? inEntry.map(line)
+      : [line({ path: Buffer.from(name), why: 'changed meanwhile', code })];
   });
-  if (totals.refused.length === 0) return;
-  say(`entries refused: ${totals.refused.length}`);
-  for (const line of totals.refused.slice(0, REFUSALS_SHOWN)) say(`  ${line}`);
-  if (totals.refused.length > REFUSALS_SHOWN) say('  ...');
-  say(dim('capture gives a whole and faithful copy or none: it follows no link, since that may'));
-  say(dim('lead anywhere, and takes no file that can be changed under another name.'));
+}
+
+function captureDirectory(opened, isDefault) {
+  const totals = { files: 0, directories: 0, bytes: 0, milliseconds: 0, refused: [] };
+  let reasons = [];
+  if (isDefault) say(dim('Left out: names that begin with a dot, and what is built or installed.'));
+  check('capture and node:fs agree on every record, and check.js on every refusal', () => {
+    for (const name of fs.readdirSync(opened.directory).sort()) {
+      if (!isDefault || !isLeftOut(name)) captureEntry(opened, name, totals);
+    }
+    reasons = explain(opened.directory, totals.refused);
+    const { files, directories, bytes, milliseconds: time } = totals;
+    const what = `files: ${files}, directories: ${directories}, ${size(bytes)}`;
+    return `captured ${what}, in ${time.toFixed(2)} ms; the rest of the time is the comparison`;
+  });
+  if (reasons.length === 0) return;
+  say(`Entries refused: ${totals.refused.length}. An entry is captured whole or not at all.`);
+  for (const reason of reasons.slice(0, OBSTACLES_SHOWN)) say(`  ${reason}`);
+  const more = reasons.length - OBSTACLES_SHOWN;
+  if (more > 0) say(`  and ${more} more`);
 }
 
 // --- Changing files -----------------------------------------------------------------------------
@@ -203,24 +165,24 @@ function replaceWhileWatching(root, scratch) {
 }
 
 function changeFiles({ root, scratch }) {
-  check('write makes a file and its directory, flushed to the disk', () => {
+  check('write creates a file and its directory, and flushes them to the disk', () => {
     tarvek.write(root, REPORT, OLD);
   });
-  check('read gives the same bytes', () => assert.deepEqual(tarvek.read(root, REPORT), OLD));
-  check('replaced in one step: a reader sees all of the old or all of the new', () => {
+  check('read returns the same bytes', () => assert.deepEqual(tarvek.read(root, REPORT), OLD));
+  check('write replaces a file in one step: a reader sees the old bytes or the new', () => {
     replaceWhileWatching(root, scratch);
   });
-  check('create makes what is not there, and replaces nothing', () => {
+  check('create fails if the file exists', () => {
     tarvek.create(root, ['lock'], Buffer.from('held by me'));
     refused('OPTIMISTIC_CONFLICT', () => tarvek.create(root, ['lock'], NEW));
   });
-  check('removeIfEquals leaves a file that is not what was expected', () => {
+  check('removeIfEquals keeps a file with other content than expected', () => {
     refused('OPTIMISTIC_CONFLICT', () =>
       tarvek.removeIfEquals(root, ['lock'], Buffer.from('held by you')),
     );
     assert.equal(tarvek.exists(root, ['lock']), true);
   });
-  check('removeIfEquals removes the one that is', () => {
+  check('removeIfEquals removes a file with the expected content', () => {
     tarvek.removeIfEquals(root, ['lock'], Buffer.from('held by me'));
     assert.equal(tarvek.exists(root, ['lock']), false);
   });
@@ -237,18 +199,18 @@ function publishFiles({ root, scratch }) {
   const fd = fs.openSync(path.join(scratch, ...DRAFT), fs.constants.O_RDONLY);
   const publish = () => tarvek.publishVerified(root, fd, DRAFT, FINAL, text);
 
-  check('publishVerified refuses a draft that changed after it was verified', () => {
+  check('publishVerified refuses a draft that changed after its verification', () => {
     fs.appendFileSync(path.join(scratch, ...DRAFT), 'And a bug.\n');
     refused('CANDIDATE_CHANGED', publish);
     assert.equal(tarvek.exists(root, FINAL), false);
   });
-  check('publishVerified gives an unchanged one its final name', () => {
+  check('publishVerified gives an unchanged draft its final name', () => {
     fs.truncateSync(path.join(scratch, ...DRAFT), text.length);
     publish();
     assert.equal(tarvek.exists(root, DRAFT), false);
   });
   fs.closeSync(fd);
-  check('snapshot reads a whole directory by path', () => {
+  check('snapshot reads all files of a directory', () => {
     const files = tarvek.snapshot(root, ['released']);
     assert.deepEqual(Object.entries(files), [['notes.txt', text]]);
   });
@@ -260,8 +222,8 @@ const NOTE = ['docs', 'note.txt'];
 const INSIDE = 'inside the root';
 const OUTSIDE = 'a secret from outside';
 
-// Careful code on plain node:fs: resolve the path, check that it lies inside, use it. Between the
-// last two there always is a moment.
+// Careful code on plain node:fs: it resolves the path, checks that the path lies inside, and uses it.
+// Between the check and the use there is always a moment.
 function readPlain(scratch, segments, inThatMoment) {
   const file = fs.realpathSync(path.join(scratch, ...segments));
   if (!file.startsWith(`${scratch}${path.sep}`)) throw new Error('refused: outside the root');
@@ -269,7 +231,7 @@ function readPlain(scratch, segments, inThatMoment) {
   return fs.readFileSync(file, 'utf8');
 }
 
-// `docs` becomes a symbolic link to a directory outside that holds files of the same names.
+// `docs` becomes a symlink to a directory outside, with a file of the same name.
 function swap({ scratch, outside }) {
   fs.renameSync(path.join(scratch, 'docs'), path.join(scratch, 'docs-moved-away'));
   fs.symlinkSync(outside, path.join(scratch, 'docs'));
@@ -289,7 +251,7 @@ function duringSwap(place, body) {
   }
 }
 
-// Runs a call with the swap at one moment of it: a point of the test hook, or a stage.
+// Runs a call and swaps at one moment of it: at a point of the test hook, or at a stage.
 function attack(place, moment, call) {
   let swapped = false;
   const act = (now) => {
@@ -309,33 +271,38 @@ function attack(place, moment, call) {
 
 function attackPlain(place) {
   const { scratch } = place;
-  check('plain node:fs refuses a link that is there before the check', () => {
+  check('node:fs with a path check: refuses a symlink that is there before the check', () => {
     duringSwap(place, () => {
       assert.throws(() => readPlain(scratch, NOTE, () => {}), { message: /outside the root/ });
     });
   });
-  check('plain node:fs leaks, docs swapped just after its check', () => {
+  const attacked = () => {
     const read = readPlain(scratch, NOTE, () => swap(place));
     undoSwap(place);
     assert.equal(read, OUTSIDE);
-    return `it read "${read}"`;
-  });
+    return `It read "${read}". tarvek has to refuse the same attack:`;
+  };
+  check(
+    'attack succeeds against node:fs, as expected: swap after the check',
+    attacked,
+    yellow('!'),
+  );
 }
 
 function attackTarvek(place) {
   const { root, outside } = place;
   for (const moment of ['ancestor-open', 'pre-effect']) {
-    check(`tarvek.read refuses, docs swapped at "${moment}"`, () => {
+    check(`tarvek.read refuses: swap at "${moment}"`, () => {
       attack(place, moment, () => tarvek.read(root, NOTE));
     });
   }
   const stages = ['after-temp-write', 'after-file-sync', 'before-file-rename'];
   for (const moment of ['ancestor-open', 'pre-effect', ...stages]) {
-    check(`tarvek.write refuses, docs swapped at "${moment}"`, () => {
+    check(`tarvek.write refuses: swap at "${moment}"`, () => {
       attack(place, moment, (stage) => tarvek.write(root, NOTE, NEW, stage));
     });
   }
-  check('nothing changed, inside or outside', () => {
+  check('no file has changed, inside or outside', () => {
     assert.equal(String(tarvek.read(root, NOTE)), INSIDE);
     assert.deepEqual(tarvek.list(root, ['docs']), ['note.txt']);
     assert.deepEqual(fs.readdirSync(outside), ['note.txt']);
@@ -363,14 +330,14 @@ function makeScratch() {
 const STEPS = [
   ['Change files, in a scratch directory', changeFiles],
   ['Publish a verified file', publishFiles],
-  ['The attack: a directory is swapped for a symbolic link at the exact moment', playAttack],
+  ['The attack: at an exact moment, the directory docs is swapped for a symlink', playAttack],
 ];
 
 async function workInScratch() {
   const place = makeScratch();
-  // At exit rather than here, so that it goes in every case but a kill.
+  // At exit, so that only a kill leaves it behind.
   process.once('exit', () => fs.rmSync(place.base, { recursive: true, force: true }));
-  // Heard between steps only: a step runs without a pause, but for a few milliseconds.
+  // Signals are handled between the steps, which take milliseconds.
   const interrupted = (_signal, number) => process.exit(128 + number);
   process.on('SIGINT', interrupted).on('SIGTERM', interrupted);
   for (const [title, step] of STEPS) {
@@ -386,21 +353,25 @@ async function tour(argument) {
   const given = givenDirectory(argument);
   const opened = openGiven(given);
   if (!opened) return false;
+  console.log(dim("On the right: the time of each step, the tour's own checks included.\n"));
   console.log(bold(`Capture ${opened.directory}`));
   if (opened.directory !== given) {
-    say(`${given} leads there through a symbolic link. openRoot follows none; the tour did.`);
+    say(`${given} leads there through a symlink. openRoot follows none, so the tour resolved it.`);
   }
   captureDirectory(opened, argument === undefined);
   tarvek.close(opened.root);
   await workInScratch();
 
   const { passed, failed } = outcomes;
-  console.log(
+  const verdict =
     failed === 0
-      ? green(`\nAll ${passed} steps went as they should.`)
-      : red(`\n${failed} of ${passed + failed} steps went wrong.`),
+      ? green(`All ${passed} steps went as they should.`)
+      : red(`${failed} of ${passed + failed} steps went wrong.`);
+  console.log(`\n${verdict} The tour took ${milliseconds(start)}.`);
+  console.log(
+    '\nNext: examples/check.js says what tarvek refuses in a directory of yours, and why;',
   );
-  console.log(dim(`Node.js ${process.versions.node}, ${milliseconds(start)} in all`));
+  console.log('      examples/server.js runs calls in a worker thread, behind promises.');
   return failed === 0;
 }
 
