@@ -2,10 +2,10 @@
 
 // Why was it refused? node check.js DIR [path/below/it]
 //
-// An error of tarvek names no path. This program does: it lists what tarvek refuses in DIR, or in one
-// entry of DIR and on the way to it. Each line ends with the code of the error. It only looks, through
-// node:fs, and does not load tarvek. It shows the present state: a change that another process made
-// during a call and then undid leaves no trace.
+// An error of tarvek names no path. This program does: it lists what tarvek refuses in DIR, or in
+// one entry of DIR and on the way to it. Each line ends with the code of the error. It only looks,
+// through node:fs, and does not load tarvek. It shows the present state: a change that another
+// process made during a call and then undid leaves no trace.
 //
 // Exit status: 0 if nothing was found, 1 if something was, 2 if the arguments are wrong.
 
@@ -36,8 +36,8 @@ function specialType(stat) {
   return stat.isSocket() ? 'socket' : 'device';
 }
 
-// Each applies to one entry: where it is, its lstat, and why its names could not be read. What has no
-// `code` makes no call fail.
+// Each applies to one entry: where it is, its lstat, and why its names could not be read. What has
+// no `code` makes no call fail.
 const OBSTACLES = [
   {
     applies: ({ stat }) => stat.isSymbolicLink(),
@@ -117,9 +117,9 @@ function namesIn(directory) {
   }
 }
 
-// Everything at and beneath a path as node:fs sees it, in the order of tarvek's capture: a directory
-// before its entries, names by their bytes. Each comes with its lstat, or an error, or with both if
-// it is a directory whose names could not be read.
+// Everything at and beneath a path as node:fs sees it, in the order of tarvek's capture: a
+// directory before its entries, names by their bytes. Each comes with its lstat, or an error, or
+// with both if it is a directory whose names could not be read.
 function* walk(top) {
   const left = [top];
   while (left.length > 0) {
@@ -204,8 +204,8 @@ function escaped(character) {
   return code.length > 2 ? `\\u{${code}}` : `\\x${code.padStart(2, '0')}`;
 }
 
-// A name as text that is safe in a terminal. Characters that cannot be seen are escaped, and in a name
-// that is not UTF-8 every byte that is not ASCII.
+// A name as text that is safe in a terminal. Characters that cannot be seen are escaped, and in a
+// name that is not UTF-8 every byte that is not ASCII.
 function show(bytes) {
   if (!isUtf8(bytes)) return bytes.toString('latin1').replace(/[^ -[\]-~]/g, escaped);
   return bytes.toString().replace(/\\|(?! )[\p{C}\p{Z}]/gu, escaped);

@@ -1,11 +1,11 @@
 'use strict';
 
-// A journal for one writer. Each entry is appended to one file and flushed, and a crash at any moment
-// loses no entry whose append had returned.
+// A journal for one writer. Each entry is appended to one file and flushed, and a crash at any
+// moment loses no entry whose append had returned.
 //
-// A line holds a checksum and an entry as JSON. A crash during an append can leave part of a line at
-// the end, and an append whose flush failed can leave lines that the disk does not have. So opening
-// the journal writes its good lines anew, in one step.
+// A line holds a checksum and an entry as JSON. A crash during an append can leave part of a line
+// at the end, and an append whose flush failed can leave lines that the disk does not have. So
+// opening the journal writes its good lines anew, in one step.
 
 const { createHash } = require('node:crypto');
 const tarvek = require('tarvek');

@@ -3,9 +3,9 @@
 // How to test that an application stays safe while another process changes the disk.
 //
 // tarvek calls the test hook at named points inside its functions, and the stage callback at the
-// stages of one write. The first test runs the application once to record all these moments. Then it
-// runs it once for each moment, with an attack at that moment. The second test lets a write fail at
-// each stage.
+// stages of one write. The first test runs the application once to record all these moments. Then
+// it runs it once for each moment, with an attack at that moment. The second test lets a write fail
+// at each stage.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');

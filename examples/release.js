@@ -1,12 +1,13 @@
 'use strict';
 
-// Releases. Files are staged, verified and published in releases/NAME. Then a symlink makes the whole
-// release current in one step.
+// Releases. Files are staged, verified and published in releases/NAME. Then a symlink makes the
+// whole release current in one step.
 //
-// tarvek neither replaces nor removes symlinks. So each switch makes a new symlink to the directory of
-// a release: switch/00000001, switch/00000002, and so on. The highest number is current. A reader finds
-// the old release or the new one, and two publishers cannot use the same number for two releases. To go
-// back, make one more symlink to an older release. To delete old symlinks, use node:fs.
+// tarvek neither replaces nor removes symlinks. So each switch makes a new symlink to the directory
+// of a release: switch/00000001, switch/00000002, and so on. The highest number is current. A
+// reader finds the old release or the new one, and two publishers cannot use the same number for
+// two releases. To go back, make one more symlink to an older release. To delete old symlinks, use
+// node:fs.
 
 const fs = require('node:fs');
 const path = require('node:path');
@@ -42,8 +43,8 @@ function switchTo(root, release) {
   return next;
 }
 
-// `files` maps names to bodies. Use each release name once. After a failure some files may have been
-// published, but no symlink leads to them. Call discardStaged, and publish under another name.
+// `files` maps names to bodies. Use each release name once. After a failure some files may have
+// been published, but no symlink leads to them. Call discardStaged, and publish under another name.
 function publishRelease(directory, release, files, verify) {
   const root = tarvek.openRoot(directory);
   try {
@@ -57,10 +58,11 @@ function publishRelease(directory, release, files, verify) {
   }
 }
 
-// Removes the staged files of a failed attempt. A crash inside publishVerified can leave one file under
-// both names, staged and published. tarvek refuses a file with two hard links, and a retry fails. Only
-// node:fs can remove the staged name. unlinkSync resolves a path, so a swapped directory on the way would
-// lead it elsewhere: call this only while no other process can change `staging`.
+// Removes the staged files of a failed attempt. A crash inside publishVerified can leave one file
+// under both names, staged and published. tarvek refuses a file with two hard links, and a retry
+// fails. Only node:fs can remove the staged name. unlinkSync resolves a path, so a swapped
+// directory on the way would lead it elsewhere: call this only while no other process can change
+// `staging`.
 function discardStaged(directory, release) {
   const root = tarvek.openRoot(directory);
   const staged = ['staging', release];
@@ -75,8 +77,9 @@ function discardStaged(directory, release) {
   }
 }
 
-// The name and the files of the current release; undefined before the first one. Only the last name in
-// the text of the symlink is used, and looked up in `releases`. The symlink itself is not followed.
+// The name and the files of the current release; undefined before the first one. Only the last name
+// in the text of the symlink is used, and looked up in `releases`. The symlink itself is not
+// followed.
 function currentRelease(directory) {
   const root = tarvek.openRoot(directory);
   try {

@@ -1,7 +1,7 @@
 'use strict';
 
-// tarvek in a server. A call blocks its thread until it is done, so the calls run in a worker thread
-// here, and the main thread gets promises:
+// tarvek in a server. A call blocks its thread until it is done, so the calls run in a worker
+// thread here, and the main thread gets promises:
 //
 //   const { openRoot } = require('./server.js');
 //   const root = await openRoot('/srv/app/data');
@@ -9,20 +9,21 @@
 //   await root.close();
 //
 // - Each root has a worker thread of its own, since a handle cannot be sent to another thread. The
-//   calls of a root run in the order in which they were made. To run calls at the same time, open the
-//   directory more than once.
-// - A Buffer passed to a call is given away: its memory is transferred to the worker, not copied, and
-//   the Buffer has length 0 afterwards. If the call fails, the error returns the bytes as `error.body`.
-//   Buffers in a result arrive in the same way. Two kinds are copied: a Buffer that shares its memory
-//   with others, such as one from Node's pool, and one below 16 KiB, since copying it is faster.
+//   calls of a root run in the order in which they were made. To run calls at the same time, open
+//   the directory more than once.
+// - A Buffer passed to a call is given away: its memory is transferred to the worker, not copied,
+//   and the Buffer has length 0 afterwards. If the call fails, the error returns the bytes as
+//   `error.body`. Buffers in a result arrive in the same way. Two kinds are copied: a Buffer that
+//   shares its memory with others, such as one from Node's pool, and one below 16 KiB, since
+//   copying it is faster.
 // - What is left for the main thread is to unpack results. It notices many thousand small files.
 // - A failed call rejects with the code and the message that tarvek threw.
 // - `close` waits for the calls before it. A call after it rejects with HANDLE_CLOSED.
 // - A root without a pending call does not keep the process running, even if it was not closed.
-// - If the worker ends early, pending and later calls reject with WORKER_ENDED. Whether a pending call
-//   changed something is then unknown. Open the directory again and look.
-// - The stage callback of `write` cannot be passed, since functions cannot leave their thread. Close the
-//   descriptor given to `publishVerified` only after the promise is settled.
+// - If the worker ends early, pending and later calls reject with WORKER_ENDED. Whether a pending
+//   call changed something is then unknown. Open the directory again and look.
+// - The stage callback of `write` cannot be passed, since functions cannot leave their thread.
+//   Close the descriptor given to `publishVerified` only after the promise is settled.
 
 const { Worker, parentPort, workerData } = require('node:worker_threads');
 

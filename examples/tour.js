@@ -2,8 +2,8 @@
 
 // A tour of what tarvek does, on real files: node examples/tour.js [DIR]
 //
-// 1. Captures DIR (by default the files of this package) and compares every record with node:fs. What
-//    capture refuses, check.js explains. DIR is only read.
+// 1. Captures DIR (by default the files of this package) and compares every record with node:fs.
+//    What capture refuses, check.js explains. DIR is only read.
 // 2. Changes and publishes files in a scratch directory, which it removes at the end.
 // 3. Plays the classic attack on a path, against plain node:fs and against tarvek.
 //
@@ -222,8 +222,8 @@ const NOTE = ['docs', 'note.txt'];
 const INSIDE = 'inside the root';
 const OUTSIDE = 'a secret from outside';
 
-// Careful code on plain node:fs: it resolves the path, checks that the path lies inside, and uses it.
-// Between the check and the use there is always a moment.
+// Careful code on plain node:fs: it resolves the path, checks that the path lies inside, and uses
+// it. Between the check and the use there is always a moment.
 function readPlain(scratch, segments, inThatMoment) {
   const file = fs.realpathSync(path.join(scratch, ...segments));
   if (!file.startsWith(`${scratch}${path.sep}`)) throw new Error('refused: outside the root');

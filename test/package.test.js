@@ -1,9 +1,7 @@
 'use strict';
 
 const assert = require('node:assert/strict');
-const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
-const os = require('node:os');
 const path = require('node:path');
 const test = require('node:test');
 const tarvek = require('tarvek');
@@ -47,27 +45,3 @@ test('the types declare every function, with a comment, and every point, stage a
   const points = scenarios.flatMap(({ hooks }) => hooks.map(([point]) => point));
   assert.deepEqual(members.sort(), [...new Set([...points, ...codes])].sort());
 });
-
-const cwd = fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-examples-'));
-test.after(() => fs.rmSync(cwd, { recursive: true }));
-fs.mkdirSync(path.join(cwd, 'real', 'd'), { recursive: true });
-for (const link of ['real/d/link', 'alias']) fs.symlinkSync('real', path.join(cwd, link));
-const env = { ...process.env, TMPDIR: cwd, NODE_TEST_CONTEXT: undefined };
-const outputs = {
-  journal: /recovered: \[{"amount":5},{"amount":-2},{"amount":8}\].*OPTIMISTIC_CONFLICT/s,
-  release: /: 1\.1\.0, app.js and index.html.*refused.*: 1\.1\.0.*: 00000003\ncurrent: 1\.0\.0/s,
-  'race-test': /pass 15\n.*fail 0\n/s,
-  tour: /leaks.*All \d+ steps went as they should/s,
-  'tour alias': /alias leads there through a symbolic link.* d\/link is a symbolic link/s,
-  'tour nowhere': /cannot start at .*nowhere: there is no such directory/,
-};
-for (const [example, output] of Object.entries(outputs)) {
-  test(`the example ${example}`, () => {
-    const [name, ...args] = example.split(' ');
-    const all = [require.resolve(`../examples/${name}.js`), ...args];
-    const run = spawnSync(process.execPath, all, { cwd, env, encoding: 'utf8' });
-    assert.match(run.stdout + run.stderr, output);
-    assert.equal(run.status, args[0] === 'nowhere' ? 1 : 0);
-    assert.deepEqual(fs.readdirSync(cwd).sort(), ['alias', 'real'], 'what it made is gone');
-  });
-}
