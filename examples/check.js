@@ -3,9 +3,12 @@
 // Why was it refused? node check.js DIR [path/below/it]
 //
 // An error of tarvek names no path. This program does: it lists what tarvek refuses in DIR, or in
-// one entry of DIR and on the way to it. Each line ends with the code of the error. It only looks,
-// through node:fs, and does not load tarvek. It shows the present state: a change that another
-// process made during a call and then undid leaves no trace.
+// one entry of DIR and on the way to it. Each line ends with the code of the error. It only reads,
+// through node:fs, and does not load tarvek.
+//
+// Run it as the user whose program failed. It checks the right to read, not the right to write. It
+// shows the present state: what changed during a call and changed back leaves no trace. Deno hides
+// names that are not UTF-8 from it.
 //
 // Exit status: 0 if nothing was found, 1 if something was, 2 if the arguments are wrong.
 
@@ -36,8 +39,8 @@ function specialType(stat) {
   return stat.isSocket() ? 'socket' : 'device';
 }
 
-// Each applies to one entry: where it is, its lstat, and why its names could not be read. What has
-// no `code` makes no call fail.
+// Each applies to one entry: its path, its lstat, and the error if its names could not be read. An
+// obstacle without a `code` makes no call fail.
 const OBSTACLES = [
   {
     applies: ({ stat }) => stat.isSymbolicLink(),
