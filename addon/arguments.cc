@@ -7,14 +7,14 @@ namespace tarvek {
 
 namespace {
 
-// File names fit; longer strings take the general path.
+// File names fit. Longer strings take two calls.
 constexpr size_t kShortStringBytes = 256;
 
-// A string that does not fit is cut at a whole character, at most this many bytes before the end of
-// the room given.
+// Node-API cuts a string that does not fit after a whole character, so a cut string can be shorter
+// than the room by up to this many bytes.
 constexpr size_t kLongestCharacterBytes = 4;
 
-// A segment array's length is the caller's claim, not a fact worth allocating for.
+// The length of a segment array is only a claim: a sparse array can claim 2^32 - 1 elements.
 constexpr uint32_t kUsualDepth = 8;
 
 void GetLongString(napi_env env, napi_value value, std::string* out) {
@@ -34,9 +34,8 @@ bool IsSegment(const std::string& name) {
 
 }  // namespace
 
-// A status below fails for a value that is not there, which is what a throwing getter leaves. The
-// questions suit any other value, or the one that another question has just found; an answer that
-// was not given must not be taken for one.
+// The statuses below fail for a null value, which a throwing getter leaves. They are checked so
+// that an output that was never written is not used.
 
 bool IsType(napi_env env, napi_value value, napi_valuetype expected) {
   napi_valuetype type = napi_undefined;

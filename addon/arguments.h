@@ -1,8 +1,8 @@
-// JavaScript values in: strict conversions that refuse whatever is not exactly the expected type.
+// Converts JavaScript values. Strict: a value of another type is refused, never coerced.
 //
-// None of these throws an error of its own: they answer false and the operation chooses the error,
-// since the operations differ in that on purpose. A getter on a segment array may throw or run any
-// code; its exception is then pending and outlives whatever the operation throws.
+// No function here throws. Each returns false, and the operation throws the error of its choice,
+// because operations report bad arguments differently. A getter on a segment array can run any
+// code. If it throws, its exception is pending, and it stays whatever the operation throws later.
 #pragma once
 
 #include <node_api.h>
@@ -16,19 +16,18 @@
 
 namespace tarvek {
 
-// A path below a root, one directory-entry name an element; the last one is the leaf. Once
-// converted it is never empty and no element is empty, ".", ".." or holds a slash, a backslash or a
-// NUL.
+// A path below a root: one name per element, the last one is the leaf. Never empty, and no element
+// is empty, "." or "..", or contains a slash, a backslash or a NUL.
 using Segments = std::vector<std::string>;
 
-// A Buffer's own memory, borrowed for the duration of the call.
+// A Buffer's memory, borrowed for one call.
 struct Bytes {
   const uint8_t* data = nullptr;
   size_t length = 0;
 };
 
-// The values that a call was made with. `count` is how many were passed, which may be more than
-// there is room for; those that were not passed are `undefined`.
+// The arguments of a call. `count` is the number passed, which can exceed the capacity. Arguments
+// that were not passed are `undefined`.
 template <size_t kCapacity>
 struct CallArguments {
   CallArguments(napi_env env, napi_callback_info info) {
@@ -41,10 +40,10 @@ struct CallArguments {
 
 bool IsType(napi_env env, napi_value value, napi_valuetype expected);
 
-// UTF-8, embedded NULs kept. `out` is untouched when the value is not a string primitive.
+// As UTF-8 with embedded NULs. Leaves `out` alone if the value is not a string primitive.
 bool GetString(napi_env env, napi_value value, std::string* out);
 
-// Whatever napi_is_buffer accepts.
+// Accepts what napi_is_buffer accepts: Buffers, typed arrays and DataViews.
 bool GetBytes(napi_env env, napi_value value, Bytes* out);
 
 // Whether `bytes` may still be read. A callback that ran since GetBytes may have detached,
@@ -52,18 +51,18 @@ bool GetBytes(napi_env env, napi_value value, Bytes* out);
 // before the first use. A Buffer that has grown in place still holds the bytes.
 bool StillHolds(napi_env env, napi_value value, const Bytes& bytes);
 
-// Of an array that holds at least one element. Anything else is refused.
+// Refuses everything but an array with at least one element.
 bool GetElementCount(napi_env env, napi_value value, uint32_t* count);
 
-// On refusal `out` holds the elements accepted so far; discard it.
+// After a refusal `out` holds the elements before the bad one. Discard it.
 bool GetSegments(napi_env env, napi_value value, Segments* out);
 
-// The leaf's place in its path, as hook points tell it.
+// The position of the leaf in its path, as hook points report it.
 inline uint32_t LeafIndex(const Segments& segments) {
   return static_cast<uint32_t>(segments.size() - 1);
 }
 
-// The segments with "/" between them.
+// Joins with "/".
 std::string JoinSegments(std::span<const std::string> segments);
 
 }  // namespace tarvek

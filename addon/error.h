@@ -1,12 +1,12 @@
-// Every failure that JavaScript can see, and the two ways to raise one.
+// All failures that JavaScript can see, and the two ways to throw one.
 //
-// The convention everywhere: whoever notices a failure throws it at once and returns a failure
-// value (false, or a null napi_value); whoever receives that value lets go of what it holds and
-// returns, without throwing again. One failed call, one error.
+// The convention everywhere: a function that detects a failure throws at once and returns a failure
+// value (false, or a null napi_value). Its caller releases what it holds and returns, and does not
+// throw again. So a failed call throws exactly one error.
 //
-// When a callback has already thrown, its exception stays: Node-API refuses to set a property or to
-// throw while an exception is pending, so Throw then has no effect. Hook and stage callbacks rely
-// on this to get their own exception through to the caller.
+// If a callback has already thrown, its exception stays. Node-API refuses to set a property or to
+// throw while an exception is pending, so Throw has no effect then. Hook and stage callbacks rely
+// on this: their own exception must reach the caller.
 #pragma once
 
 #include <node_api.h>
@@ -35,7 +35,7 @@ inline constexpr Failure kChangedBeforeAppend{"OPTIMISTIC_CONFLICT",
 inline constexpr Failure kLinkPlaceTaken{"OPTIMISTIC_CONFLICT",
                                          "Repository-local integration entry already exists"};
 
-// capture alone raises these. That they say "snapshot source" is part of the interface.
+// Only capture throws these. The words "snapshot source" are part of the interface.
 inline constexpr Failure kSourceIsLink{"PATH_OUT_OF_ROOT", "symbolic link in snapshot source"};
 inline constexpr Failure kSourceIsHardLinked{"PATH_OUT_OF_ROOT",
                                              "hard-linked snapshot source is forbidden"};
@@ -50,16 +50,16 @@ inline constexpr Failure kSourceDirectoryReplaced{
 inline constexpr Failure kSourceDirectoryChanged{"PATH_OUT_OF_ROOT",
                                                  "snapshot directory changed during copy"};
 
-// Throws an Error with the failure's message and its code in the property `code`. Returns null, for
-// an operation to hand straight back to Node-API.
+// Throws an Error with the failure's message, and its code in the property `code`. Returns null,
+// which the operation returns to Node-API.
 napi_value Throw(napi_env env, const Failure& failure);
 
-// Throws the failure that an errno stands for; the number itself never reaches JavaScript. Pass
-// errno straight after the failed call, before anything else can overwrite it.
+// Throws the failure that the errno maps to. The number itself never reaches JavaScript. Pass errno
+// directly after the failed call, before another call can overwrite it.
 napi_value FailErrno(napi_env env, int errnum);
 
-// The same two for helpers that answer yes or no: throw, then false. Never true, so `holds ||
-// Refuse(...)` has a branch that no test reaches.
+// The same two for helpers that return a bool: they throw and return false. They never return true,
+// so one branch of `holds || Refuse(...)` cannot be covered.
 inline bool Refuse(napi_env env, const Failure& failure) {
   Throw(env, failure);
   return false;

@@ -1,6 +1,5 @@
-// exchangeForTest: swaps two entries of a root's own directory in one step, so that a test can
-// stage the races that the other operations must notice. It makes none of their checks, fires no
-// hook and flushes nothing.
+// exchangeForTest: exchanges two entries of the root directory, so that tests can stage races.
+// Makes no identity checks, fires no hook and flushes nothing.
 
 #include <linux/fs.h>
 #include <sys/syscall.h>
@@ -18,8 +17,8 @@ namespace tarvek {
 
 namespace {
 
-// Narrower than what a segment must be: a backslash passes, and so does a NUL, at which the system
-// then cuts the name. Tests use that to stage names that the other operations would refuse.
+// Checks less than a segment: a backslash passes, and so does a NUL, where the system cuts the
+// name. Tests use that to stage names that the other operations refuse.
 bool GetEntryName(napi_env env, napi_value value, std::string* out) {
   return GetString(env, value, out) && !out->empty() && *out != "." && *out != ".." &&
          out->find('/') == std::string::npos;
@@ -37,7 +36,7 @@ napi_value ExchangeForTest(napi_env env, napi_callback_info info) {
     return Throw(env, kOutOfRoot);
   }
   const int fd = root->fd.Get();
-  // Through syscall: not every libc has a wrapper.
+  // Not every libc has a wrapper.
   if (::syscall(SYS_renameat2, fd, a.c_str(), fd, b.c_str(),
                 static_cast<unsigned int>(RENAME_EXCHANGE)) != 0) {
     return FailErrno(env, errno);

@@ -1,4 +1,4 @@
-// setTestHook, and the firing of a hook point. Without a hook a point costs one test of a variable.
+// setTestHook and Hook. Without a hook, a point costs one test of a variable.
 
 #include "addon/hook.h"
 
@@ -11,9 +11,9 @@ namespace tarvek {
 
 namespace {
 
-// A reference belongs to the JavaScript environment that made it, and each environment has a thread
-// of its own: were this shared between threads, a worker would follow another environment's
-// reference and bring the process down.
+// A reference belongs to the JavaScript environment that made it, and each environment runs on its
+// own thread. If threads shared this, a worker would use a reference of another environment and
+// crash the process.
 thread_local napi_ref test_hook = nullptr;
 
 napi_value HookArgument(napi_env env, const char* point, std::string_view segment, uint32_t index) {
@@ -61,7 +61,7 @@ bool Hook(napi_env env, const char* point, std::string_view segment, uint32_t in
 
 napi_value SetTestHook(napi_env env, napi_callback_info info) {
   const CallArguments<1> call(env, info);
-  // The old hook goes first, whatever the argument is: a bad one leaves no hook installed.
+  // The old hook is removed first, for every argument: after a bad one no hook is installed.
   if (test_hook != nullptr) {
     napi_delete_reference(env, test_hook);
     test_hook = nullptr;

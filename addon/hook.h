@@ -1,9 +1,10 @@
-// The test hook: one JavaScript callback that a host application's tests install, called at named
-// moments inside the operations so that they can make a hostile change exactly there.
+// The test hook: one JavaScript callback that the tests of a host application install. Operations
+// call it at named points, so that a test can make a hostile change at an exact moment.
 //
 // The callback runs in the middle of an operation and may do anything: change the disk, close the
-// handle in use, call the module again, install another hook. Whatever an operation
-// found before a hook point, a Buffer's memory included, it looks at again before it relies on it.
+// handle in use, call the module again, install another hook. So an operation keeps no pointer
+// across a hook point that the callback could invalidate, and checks a Buffer's memory again after
+// the last one.
 #pragma once
 
 #include <node_api.h>
@@ -13,9 +14,9 @@
 
 namespace tarvek {
 
-// Calls the hook with { point, segment, index }. True to continue; false when the callback threw:
-// its exception is pending, and the operation lets go of what it holds and returns. `result`, where
-// asked for, receives the callback's return value and is left alone when no hook is installed.
+// Calls the hook with { point, segment, index }. Returns true to continue. Returns false if the
+// callback threw: its exception is pending, and the operation releases what it holds and returns.
+// `result`, if given, receives the callback's return value. It is left alone without a hook.
 bool Hook(napi_env env, const char* point, std::string_view segment, uint32_t index,
           napi_value* result = nullptr);
 

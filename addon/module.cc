@@ -1,4 +1,4 @@
-// The module's entry: which functions JavaScript sees, and the one guard around them all.
+// The module's entry: the table of exported functions, and the guard around each of them.
 
 #include <node_api.h>
 
@@ -13,8 +13,8 @@ namespace tarvek {
 
 namespace {
 
-// No C++ exception may cross into Node. The only ones there are come from memory that cannot be had
-// (std::bad_alloc, std::length_error); scope has released everything by the time they arrive here.
+// No C++ exception may cross into Node. Only failed allocations throw (std::bad_alloc,
+// std::length_error), and destructors have released everything when they arrive here.
 template <napi_callback kOperation>
 napi_value Guarded(napi_env env, napi_callback_info info) noexcept {
   try {

@@ -1,5 +1,5 @@
-// openRelative: a directory below a root becomes a root of its own, independent of the first. The
-// walk is checked step by step as openRoot's is, and the handle is made the same way.
+// openRelative: opens a directory below a root as a new root. The two handles are independent. The
+// walk has the same checks as openRoot's, and starts from the handle instead of "/".
 
 #include <unistd.h>
 

@@ -1,5 +1,4 @@
-// The callbacks behind the exported functions. Each is defined in a file of its own; only the
-// export table calls them.
+// The callbacks behind the exported functions. Only the export table uses them.
 #pragma once
 
 #include <node_api.h>

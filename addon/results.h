@@ -1,7 +1,6 @@
-// Plain records out: the few JavaScript values that operations return. Statuses are not checked. A
-// call that fails leaves its result null: returned from an operation that is `undefined`, and
-// Node-API refuses to set it as an element or a property. An exception that the runtime raised
-// itself reaches the caller as it is.
+// Makes the JavaScript values that operations return. Statuses are not checked: a failed call
+// leaves its result null. An operation that returns null returns `undefined` to JavaScript, and
+// Node-API refuses a null element or property.
 #pragma once
 
 #include <node_api.h>
@@ -10,9 +9,9 @@
 
 namespace tarvek {
 
-// Lets go of the handles made in it. The collector visits every handle there is each time it runs,
-// which it does often while a large result is made. Worth it where an element takes several
-// handles; where it takes one, opening and closing cost more.
+// Frees the handles made while it lives. The collector visits every handle on each run, and it runs
+// often while a large result is made. This pays where an element takes several handles. Where it
+// takes one, opening and closing the scope costs more.
 class HandleScope {
  public:
   explicit HandleScope(napi_env env) : env_(env) { napi_open_handle_scope(env_, &scope_); }
@@ -37,7 +36,7 @@ inline napi_value Boolean(napi_env env, bool value) {
   return result;
 }
 
-// From bytes taken for UTF-8; the runtime replaces what is not.
+// From UTF-8 bytes. The runtime replaces invalid sequences with U+FFFD.
 inline napi_value String(napi_env env, std::string_view text) {
   napi_value result = nullptr;
   napi_create_string_utf8(env, text.data(), text.size(), &result);

@@ -1,9 +1,9 @@
-// openRoot, close, rootIdentity, and what every operation needs of a root handle.
+// openRoot, close, rootIdentity, and the reading of a handle argument.
 //
-// openRoot walks an absolute path from "/" one component at a time, following no link, not even one
-// that the system itself provides, and proves the whole path a second time before it makes the
-// handle. From then on the handle stands for the directory, whatever happens to the path: the path
-// is never looked at again.
+// openRoot walks an absolute path from "/" one component at a time and follows no symlink, not even
+// one that the system provides. It validates the whole path a second time before it makes the
+// handle. From then on the handle stands for the directory. The path is never used again, so later
+// changes to it have no effect.
 
 #include "addon/root.h"
 
@@ -43,7 +43,7 @@ bool IsComponent(std::string_view name) {
   return name != "." && name != ".." && name.find('\\') == std::string_view::npos;
 }
 
-// Of a path that begins with "/" and holds no empty component.
+// `path` begins with "/" and has no empty component.
 bool SplitPath(std::string_view path, Segments* components) {
   while (!path.empty()) {
     path.remove_prefix(1);
@@ -55,11 +55,11 @@ bool SplitPath(std::string_view path, Segments* components) {
   return true;
 }
 
-// The record behind a handle, open or closed.
+// The record behind a handle, open or closed. Null if `value` is not an external.
 Root* RootBehind(napi_env env, napi_value value) {
   if (!IsType(env, value, napi_external)) return nullptr;
   void* data = nullptr;
-  // Fails for values of other types only, which is settled.
+  // Cannot fail for an external.
   if (napi_get_value_external(env, value, &data) != napi_ok) return nullptr;
   return static_cast<Root*>(data);
 }
@@ -74,12 +74,13 @@ napi_value BigInt(napi_env env, uint64_t value) {
   return result;
 }
 
-// Takes the record over and returns its handle, or null after it has failed and let go of it.
+// Takes ownership of the record and returns its handle. On failure frees the record, and returns
+// null with an exception pending.
 napi_value RootExternal(napi_env env, std::unique_ptr<Root> root) {
   if (!Hook(env, "external-create", "", 0)) return nullptr;
   napi_value handle = nullptr;
   if (napi_create_external(env, root.get(), RootFinalizer, nullptr, &handle) != napi_ok) {
-    // Not known to happen: Node ends the process rather than report that there is no memory.
+    // No case is known: without memory, Node ends the process instead of reporting an error.
     bool pending = false;
     napi_is_exception_pending(env, &pending);
     return pending ? nullptr : Throw(env, kStorageFailed);
@@ -118,12 +119,12 @@ napi_value RootHandleAt(napi_env env, int startFd, std::span<const std::string> 
                         std::span<const Identity> identities, const Descriptor& directory) {
   if (!ValidateChain(startFd, names, identities)) return Throw(env, kOutOfRoot);
   struct stat status;
-  // O_DIRECTORY has let nothing else through; a handle to anything else must not come about.
+  // O_DIRECTORY admits nothing else. Checked again, because everything relies on it.
   if (::fstat(directory.Get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
     return Throw(env, kOutOfRoot);
   }
   auto root = std::make_unique<Root>();
-  // A plain dup, without close-on-exec: a handle's descriptor is inherited by child processes.
+  // Required: a plain dup, without close-on-exec. Child processes inherit a handle's descriptor.
   root->fd = Descriptor(::dup(directory.Get()));
   if (!root->fd.IsOpen()) return FailErrno(env, errno);
   root->identity = IdentityOf(status);
@@ -155,8 +156,8 @@ napi_value CloseRoot(napi_env env, napi_callback_info info) {
   Root* root = call.count == 1 ? RootBehind(env, call.values[0]) : nullptr;
   if (root == nullptr) return Throw(env, kStorageFailed);
   if (root->fd.IsOpen()) {
-    // Required: a handle whose close fails still counts as open. Linux has let go of the descriptor
-    // by then, so that closing the handle again may hit one that has been given out anew.
+    // Required: a handle whose close fails still counts as open. Linux has released the descriptor
+    // even so, and its number may belong to another file by now. Callers must not use it again.
     if (::close(root->fd.Get()) != 0) return FailErrno(env, errno);
     (void)root->fd.Release();
   }

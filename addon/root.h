@@ -1,5 +1,5 @@
-// Root handles: what anchors every operation. A handle is a Node-API external around a Root; the
-// module does not tag its externals, so only its own handles may be passed in.
+// Root handles, and the reading of arguments that begin with one. A handle is a Node-API external
+// around a Root. Externals are not tagged: one from another native module would be taken for ours.
 #pragma once
 
 #include <node_api.h>
@@ -13,26 +13,27 @@
 
 namespace tarvek {
 
-// Owned by its handle: freed when the handle is collected, closed earlier by close().
+// Owned by its JavaScript handle, and freed when the handle is collected. close() closes `fd`
+// earlier.
 struct Root {
   Descriptor fd;      // empty once closed; a hook can close it in the middle of an operation
-  Identity identity;  // as it was when the handle was made; never refreshed
+  Identity identity;  // taken when the handle was made, never updated
 };
 
-// The open root behind `value`; null, without throwing, when it is closed or not a handle.
+// The root behind `value`. Null, without throwing, if `value` is closed or is not a handle.
 const Root* GetRoot(napi_env env, napi_value value);
 
-// The arguments (handle, segments) of the operations that take just these two. The order in which
-// faults are found is part of the interface: count, segments, handle. False: it has thrown.
+// Reads the arguments (handle, segments). The order of the checks is part of the interface: count,
+// segments, handle. Returns false after throwing.
 bool Args(napi_env env, napi_callback_info info, const Root** root, Segments* segments);
 
-// The arguments (handle, segments, segments) of those that take two paths. Every fault, a closed
-// handle included, is a refusal of the path. False: it has thrown.
+// Reads the arguments (handle, segments, segments). Every fault throws kOutOfRoot, also a closed
+// handle. Returns false after throwing.
 bool ArgsOfTwoPaths(napi_env env, napi_callback_info info, const Root** root, Segments* first,
                     Segments* second);
 
-// Ends a walk of `names` from `startFd` that arrived at `directory`: proves the whole chain once
-// more and returns a new handle on the directory. Null: it has thrown.
+// Ends a walk of `names` from `startFd` that reached `directory`: validates the whole chain once
+// more and returns a new handle for the directory. Returns null after throwing.
 napi_value RootHandleAt(napi_env env, int startFd, std::span<const std::string> names,
                         std::span<const Identity> identities, const Descriptor& directory);
 

@@ -1,4 +1,4 @@
-// An owned file descriptor, the one way to open a directory, and the modes of new entries.
+// An owned file descriptor, the only way to open a directory, and the modes of new entries.
 #pragma once
 
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 
 namespace tarvek {
 
-// Modes of what the module makes, before the umask.
+// Before the umask.
 inline constexpr mode_t kNewFileMode = 0600;
 inline constexpr mode_t kNewDirectoryMode = 0700;
 
@@ -30,8 +30,8 @@ class Descriptor {
   [[nodiscard]] int Get() const { return fd_; }
   int Release() { return std::exchange(fd_, -1); }
 
-  // Errors of close are ignored: whatever had to be durable was flushed before, and Linux lets go
-  // of the descriptor even when it reports an error.
+  // Ignores errors of close: what must be durable was flushed before, and Linux releases the
+  // descriptor even if it reports an error.
   void Close() {
     if (IsOpen()) (void)::close(Release());
   }
@@ -40,7 +40,7 @@ class Descriptor {
   int fd_ = -1;
 };
 
-// Opens a directory by a single name, never through a link. Empty: errno says why.
+// Opens a directory by a single name, never through a symlink. Returns an empty one with errno set.
 inline Descriptor OpenDirectoryAt(int dirFd, const char* name) {
   return Descriptor(::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }

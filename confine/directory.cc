@@ -17,8 +17,8 @@ namespace tarvek {
 
 namespace {
 
-// Empty with errno set when there is no directory to be had. A directory that somebody else makes
-// in the meantime is as good as one of ours, but theirs to flush.
+// Returns an empty descriptor with errno set. A directory that another process creates meanwhile is
+// used as well, but `made` stays false: its creator flushes it.
 Descriptor OpenOrMake(int dirFd, const char* name, bool create, bool* made) {
   Descriptor opened = OpenDirectoryAt(dirFd, name);
   if (opened.IsOpen() || errno != ENOENT || !create) return opened;
@@ -27,7 +27,7 @@ Descriptor OpenOrMake(int dirFd, const char* name, bool create, bool* made) {
   return OpenDirectoryAt(dirFd, name);
 }
 
-// Fires the hook between opening and looking again, which is where an attacker would strike.
+// Fires the hook between the open and the second look, where an attacker would strike.
 bool ConfirmOpened(napi_env env, const char* point, int dirFd, const std::string& name,
                    uint32_t index, const Descriptor& directory, Identity* identity) {
   struct stat opened;
@@ -44,14 +44,14 @@ bool IsSelfOrParent(const char* name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// A name with a number made of its first bytes behind what all the names share: that settles nearly
-// every comparison without a look at the names.
+// A name with a number made of the first bytes after the prefix that all names share. The number
+// settles nearly every comparison without reading the names.
 struct KeyedName {
   uint64_t key;
   const char* name;
 };
 
-// How many bytes all of them begin with. A shorter name ends the comparison with its NUL.
+// The length of the prefix that all names share. The NUL of a shorter name ends the comparison.
 size_t SharedPrefix(const std::vector<const char*>& names) {
   size_t length = names.empty() ? 0 : std::strlen(names.front());
   for (const char* name : names) {
@@ -61,7 +61,7 @@ size_t SharedPrefix(const std::vector<const char*>& names) {
   return length;
 }
 
-// The first one highest; zeros behind a shorter name.
+// Big-endian, so that numbers compare as the bytes do. Padded with zeros.
 uint64_t FirstBytes(const char* name) {
   uint64_t bytes = 0;
   for (int shift = 56; shift >= 0 && *name != '\0'; shift -= 8) {
@@ -70,7 +70,7 @@ uint64_t FirstBytes(const char* name) {
   return bytes;
 }
 
-// strcmp compares unsigned bytes and puts a prefix first, whatever the locale.
+// strcmp compares unsigned bytes and puts a prefix first, in every locale.
 bool IsBefore(const KeyedName& a, const KeyedName& b) {
   if (a.key != b.key) return a.key < b.key;
   return std::strcmp(a.name, b.name) < 0;
@@ -103,7 +103,7 @@ bool WalkDirectories(napi_env env, const Walk& walk, std::span<const std::string
     Identity identity;
     if (!ConfirmOpened(env, walk.point, current->Get(), name, index, next, &identity)) return false;
     identities->push_back(identity);
-    // A new directory is durable before anything is made inside it.
+    // A new directory must be durable before anything is created in it.
     if (made && ::fsync(current->Get()) != 0) return RefuseErrno(env, errno);
     *current = std::move(next);
   }

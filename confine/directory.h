@@ -1,4 +1,4 @@
-// Directories: the checked step into one by name, and reading the names in it.
+// Directories: the checked step into one by name, and the reading of its names.
 #pragma once
 
 #include <dirent.h>
@@ -14,24 +14,26 @@
 
 namespace tarvek {
 
-// How a walk differs from another: the hook point that it fires for each directory, and whether it
-// makes the ones that are missing.
+// How walks differ: the hook point fired for each directory, and whether missing directories are
+// created.
 struct Walk {
   const char* point;
   bool create;
 };
 
-// Goes from `current` into each of `names` in turn, and appends the identity of each directory
-// entered. A step opens the directory, fires the hook, and then looks at the name again, which must
-// still lead to what was opened. At most two descriptors are open at a time.
+// Walks from `current` into each of `names` in turn, and appends the identity of each directory. A
+// step opens the directory, fires the hook, and then stats the name again, which must still lead to
+// the open directory. At most two descriptors are open at a time.
 //
-// True with `current` at the last directory. With `missing` given, also true, and *missing set,
-// when a directory is absent: `current` and `identities` then end at the deepest one that exists.
-// False: it has thrown, and `current` is wherever it got to. Directories made on the way stay.
+// Returns true with `current` at the last directory. If a directory is missing and `missing` is
+// given, sets *missing and returns true as well: `current` and `identities` then end at the deepest
+// directory that exists. Returns false after throwing, with `current` at any directory on the way.
+// Created directories stay.
 bool WalkDirectories(napi_env env, const Walk& walk, std::span<const std::string> names,
                      Descriptor* current, std::vector<Identity>* identities, bool* missing);
 
-// Opens a directory whose names are to be read, and looks at the name again. False: it has thrown.
+// Opens a directory in order to read its names, and checks that the name still leads to it. Returns
+// false after throwing.
 bool OpenListed(napi_env env, int dirFd, const std::string& name, Descriptor* directory);
 
 struct StreamCloser {
@@ -39,24 +41,23 @@ struct StreamCloser {
 };
 using DirectoryStream = std::unique_ptr<DIR, StreamCloser>;
 
-// A stream on a duplicate of `dirFd`, so that closing it leaves the caller's descriptor open. Null:
-// errno says why, and the duplicate stays open for good. That is part of the interface and not an
-// oversight to mend; it takes a process without memory to get there.
+// Opens a stream on a duplicate of `dirFd`, so that closing the stream leaves the caller's
+// descriptor open. Returns null with errno set. Required: if fdopendir fails, the duplicate stays
+// open for good. It fails only in a process without memory.
 DirectoryStream OpenStream(int dirFd);
 
-// The next name but "." and "..", valid until the stream is read or closed. Null at the end with
-// errno 0, or after a failed read with its errno.
+// The next name except "." and "..", valid until the stream is read again or closed. Null with
+// errno 0 at the end, or with the errno of a failed read.
 const char* NextName(DIR* stream);
 
-// The names in a directory, ascending by their bytes. They lie in one block, each ended by a NUL,
-// so that a directory of many names costs few allocations and each name can be handed to a system
-// call.
+// The names in a directory, ascending by their bytes. One block holds them, each ended by a NUL: a
+// large directory takes few allocations, and a name can be passed to a system call as it is.
 struct Names {
   std::vector<char> block;
   std::vector<const char*> sorted;  // into `block`
 };
 
-// False: it has thrown.
+// Returns false after throwing.
 bool ReadNames(napi_env env, int dirFd, Names* names);
 
 }  // namespace tarvek

@@ -1,6 +1,6 @@
-// The checks that tell whether something on disk still is what it was. They compare what the kernel
-// says of an object (device and inode, and where content matters its times, size and links) and
-// never trust a name that was looked at earlier.
+// Checks that an object on disk is still the same. They compare what the kernel reports: device and
+// inode, and where content matters also times, size and link count. They never trust an earlier
+// look at a name.
 #pragma once
 
 #include <node_api.h>
@@ -19,7 +19,7 @@ struct Identity {
   uint64_t dev = 0;
   uint64_t ino = 0;
 
-  // Inode numbers repeat from one file system, or subvolume, to the next.
+  // Both: inode numbers are unique within one file system or subvolume only.
   bool operator==(const Identity&) const = default;
 };
 
@@ -29,34 +29,34 @@ inline bool SameIdentity(const struct stat& a, const struct stat& b) {
   return IdentityOf(a) == IdentityOf(b);
 }
 
-// A regular file under its only name.
+// A regular file with exactly one link.
 inline bool IsSoleFile(const struct stat& status) {
   return S_ISREG(status.st_mode) && status.st_nlink == 1;
 }
 
-// What no operation may act on, since it stands for something that may lie outside the root: a
-// symbolic link, or a regular file that another name leads to as well.
+// A symlink, or a regular file with further hard links. No operation may act on either, because it
+// can be an alias of something outside the root.
 inline bool IsLinked(const struct stat& status) {
   return S_ISLNK(status.st_mode) || (S_ISREG(status.st_mode) && status.st_nlink >= 2);
 }
 
-// Identity, mode, link count, size, modification and status-change time. Ownership and access time
-// are left out on purpose: reading a file must not count as changing it.
+// Compares identity, mode, link count, size, modification time and status-change time. Leaves out
+// the access time, because reading a file must not count as changing it, and the ownership: a
+// change of owner shows in the status-change time.
 bool SameStableMetadata(const struct stat& a, const struct stat& b);
 
-// Whether walking `names` from `rootFd` reaches, at every step, the directory whose identity was
-// recorded. Walks by name from the root, so it proves what the path means at this moment rather
-// than what the operation holds open. Throws nothing; `names` and `identities` run in parallel.
+// Whether a walk of `names` from `rootFd` reaches the directory with the recorded identity at every
+// step. It walks by name from the root, so it proves where the path leads now, not what the
+// operation holds open. Does not throw. `names` and `identities` run in parallel.
 bool ValidateChain(int rootFd, std::span<const std::string> names,
                    std::span<const Identity> identities);
 
-// Whether the file holds exactly `expected` and ends there. Reads by position, so that a borrowed
-// descriptor's offset stays where its owner left it, through one fixed buffer. Throws nothing.
+// Whether the file holds exactly the bytes `expected` and nothing after them. Uses one fixed buffer
+// and positioned reads: the offset of a borrowed descriptor must not move. Does not throw.
 bool ReadExactAt(int fd, const Bytes& expected);
 
-// Looks at a leaf by name and refuses one that IsLinked. Every other type passes; whether it suits
-// is the caller's question. False: it has thrown. With `allowMissing` an absent leaf passes with
-// st_mode 0.
+// Stats a leaf by name and refuses it if IsLinked. All other types pass, and the caller decides.
+// With `allowMissing`, an absent leaf passes with st_mode 0. Returns false after throwing.
 bool SafeLeafStat(napi_env env, int dirFd, const std::string& name, struct stat* out,
                   bool allowMissing);
 

@@ -1,6 +1,6 @@
-// The levels of a tree walk, kept on the heap. A chain of directories may be as deep as there are
-// descriptors to hold it, and a recursion that deep would overrun the native stack. Levels are let
-// go of from the deepest up, as returning from a recursion would do.
+// The levels of a tree walk, kept on the heap. Only the number of free descriptors limits the depth
+// of a walk, and a recursion as deep as that would overflow the native stack. Levels are destroyed
+// from the deepest up, as in a recursion: a level may point into the one above it.
 #pragma once
 
 #include <utility>
@@ -19,7 +19,7 @@ class Levels {
   }
 
   [[nodiscard]] bool Empty() const { return levels_.empty(); }
-  // A reference is good until the next Push.
+  // The reference is valid until the next Push.
   Level& Top() { return levels_.back(); }
   void Push(Level level) { levels_.push_back(std::move(level)); }
   void Pop() { levels_.pop_back(); }

@@ -1,11 +1,11 @@
-// The way from a root to the directory that holds a leaf. Every operation on a segment array but
-// openRelative goes through it in the same order:
+// The way from a root to the parent directory of a leaf. Every operation on a segment array except
+// openRelative takes the same steps:
 //
-//   OpenParent   walk to the leaf's directory, check every step and record it
-//   PreEffect    fire "pre-effect", then prove the recorded chain once more
-//   ... look at the leaf by its name in parent.fd, and act
+//   OpenParent   walks to the parent directory, checks every step and records it
+//   PreEffect    fires "pre-effect", then validates the recorded chain
+//   ...          stats the leaf by its name in parent.fd, and acts
 //
-// When one of these answers false it has thrown, and the operation only returns.
+// Functions here that take `env` return false after throwing, and the operation only returns.
 #pragma once
 
 #include <node_api.h>
@@ -21,41 +21,41 @@
 
 namespace tarvek {
 
-// One call's walk. `segments` and `identities` run in parallel and leave out the root itself.
+// The walk of one call. `segments` and `identities` run in parallel and leave out the root itself.
 struct Parent {
   Descriptor fd;                          // the directory reached
-  std::span<const std::string> segments;  // the names walked; borrowed from the operation's array
+  std::span<const std::string> segments;  // the names walked, in the operation's own array
   std::vector<Identity> identities;
 };
 
-// With `create`, directories that are missing are made (mode 0700 before the umask, each flushed
-// into its parent) and stay, whatever fails later. With `missing`, an absent directory is reported
-// there instead of thrown.
+// With `create`, creates missing directories with mode 0700 before the umask, and flushes each
+// one's parent. They stay if a later step fails. With `missing`, reports a missing directory there
+// instead of throwing.
 bool OpenParent(napi_env env, const Root& root, const Segments& segments, bool create,
                 Parent* parent, bool* missing = nullptr);
 
-// In this order, so that a hook which replaces a directory is caught.
+// Fires the hook first, so that the validation catches a hook that replaces a directory.
 bool PreEffect(napi_env env, const Root& root, const Parent& parent, const Segments& segments);
 
-// Whether the recorded chain still holds; throws nothing.
+// Whether the recorded chain is still valid. Does not throw.
 bool ChainHolds(const Root& root, const Parent& parent);
 
-// What an operation of the form (handle, segments) works on, once it has arrived there.
+// What an operation with the arguments (handle, segments) works on.
 struct Target {
   const Root* root = nullptr;
   Segments segments;
   Parent parent;
 };
 
-// The beginning of such an operation: its arguments, the walk, and the pre-effect.
+// The first steps of such an operation: arguments, OpenParent, PreEffect.
 bool OpenTarget(napi_env env, napi_callback_info info, bool create, Target* target);
 
-// Both walks of an operation that takes an entry from one place to another, the source's without
-// creation and the destination's with, then both pre-effects, the source's first.
+// The first steps of an operation with two paths: OpenParent for the source without creation, then
+// for the destination with creation, then PreEffect for the source and for the destination.
 bool OpenBothParents(napi_env env, const Root& root, const Segments& from, const Segments& to,
                      Parent* source, Parent* destination);
 
-// Flushes both directories, in this order and also when they are one. Returns false with errno set.
+// Flushes both directories in this order, also if they are the same. Returns false with errno set.
 bool FlushBothParents(const Parent& first, const Parent& second);
 
 }  // namespace tarvek

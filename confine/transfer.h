@@ -1,4 +1,4 @@
-// The calls that move bytes, repeated when a signal interrupts them. Short counts are the caller's.
+// The calls that move bytes, repeated if a signal interrupts them. Callers handle short counts.
 #pragma once
 
 #include <sys/types.h>

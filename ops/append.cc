@@ -1,11 +1,12 @@
-// append: adds bytes to the end of a file, or makes it, if it has not shrunk below what the caller
-// knows of it. The file is extended in place with one write, then file and directory are flushed.
+// append: adds bytes to the end of a file, or to a new one, unless the file is shorter than the
+// caller states. One write extends the file in place. Then the file and its directory are flushed.
 //
-// A short write is flushed first and reported then, so that what is in the file is what the next
-// reader finds; nothing is rolled back, and a file made here stays.
+// A short write is flushed too, and then reported. Nothing is undone: the bytes stay, and so does a
+// file created here.
 //
-// Left open on purpose: others may append at the same time (each write lands at the end of its
-// moment), and the size that was checked may have changed by the time of the write.
+// Left open on purpose: other processes may append at the same time, and each write lands at the
+// end of the file at that moment. The file may also change its size between the check and the
+// write.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -47,9 +48,9 @@ bool GetAppendCall(napi_env env, const CallArguments<5>& call, AppendCall* out) 
          GetBytes(env, call.values[4], &out->body);
 }
 
-// Another process that removes or replaces the file over and over can make the open miss it; such
-// misses are tried again a few times. Without O_NONBLOCK, as the interface has it: a FIFO put there
-// meanwhile makes the call wait for a reader. Empty: errno says why.
+// The open can fail with ENOENT while another process removes or replaces the file, so it is
+// retried a few times. Required: no O_NONBLOCK. A FIFO that takes the file's place makes the call
+// wait for a reader. Returns an empty descriptor with errno set.
 Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
   Descriptor file;
   for (int attempt = 0; attempt < kOpenAttempts && !file.IsOpen(); ++attempt) {
@@ -60,20 +61,19 @@ Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
   return file;
 }
 
-// Whether the descriptor, the name and, where there was a file before, that file are all the same
-// regular file under its only name.
+// Whether the descriptor and the name are the same regular file with one link, and also the file of
+// the first look, if there was one.
 bool IsTheFileNamed(const struct stat& opened, const struct stat& named,
                     const struct stat& before) {
   return IsSoleFile(opened) && IsSoleFile(named) && SameIdentity(opened, named) &&
          (before.st_mode == 0 || SameIdentity(before, opened));
 }
 
-// How much of the body to write: all of it, unless a test's callback asked for less by returning a
-// number. False: it returned one that is no count.
+// The hook limits the count by returning a number. Returns false if that number is not a count.
 bool LimitCount(napi_env env, napi_value asked, size_t* count) {
   if (!IsType(env, asked, napi_number)) return true;
   uint32_t limit = 0;
-  // The status cannot but be good for a number.
+  // The status is always good for a number.
   if (napi_get_value_uint32(env, asked, &limit) != napi_ok || limit == 0) return false;
   *count = std::min<size_t>(*count, limit);
   return true;
@@ -106,7 +106,7 @@ napi_value Append(napi_env env, napi_callback_info info) {
     return FailErrno(env, errno);
   }
   if (!IsTheFileNamed(opened, named, before)) return Throw(env, kOutOfRoot);
-  // The minimum size needs no look of its own: it is not above the expected one.
+  // This covers the minimum size too, which is not above the expected size.
   if (opened.st_size < call.expectedSize) return Throw(env, kChangedBeforeAppend);
 
   size_t count = call.body.length;
@@ -114,7 +114,7 @@ napi_value Append(napi_env env, napi_callback_info info) {
   if (!Hook(env, "append-write", leaf, index, &asked)) return nullptr;
   if (!LimitCount(env, asked, &count)) return Throw(env, kStorageFailed);
   if (!StillHolds(env, arguments.values[4], call.body)) return Throw(env, kStorageFailed);
-  // One call, also for an empty body, and no second one for the rest.
+  // Required: one write, also for an empty body. The rest of a short write is not written.
   const ssize_t written = WriteSome(file.Get(), call.body.data, count);
   if (written < 0) return FailErrno(env, errno);
 

@@ -1,8 +1,8 @@
-// ensureDirectory: a directory is there when it returns, with every directory above it. One that
-// exists is taken as it is, and nothing is flushed for it.
+// ensureDirectory: creates a directory and its missing ancestors. Accepts an existing directory as
+// it is, and flushes nothing for it.
 //
-// Left open on purpose: a directory that somebody else makes between the look and the mkdir is a
-// failure and not a success. The caller may ask again; a second look here would hide the race.
+// Left open on purpose: if another process creates the directory between the look and the mkdir,
+// the call fails. The caller can retry. A second look here would hide the race.
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,10 +1,13 @@
-// ensureRelativeSymlink: a symbolic link at one place that points, by a relative text, at an
-// existing directory. A link with exactly this text is success without a change, also when another
-// process made it a moment ago; anything else at its place is a conflict and is never replaced.
+// ensureRelativeSymlink: creates a symlink with a relative text that points at an existing
+// directory. If a symlink with exactly this text exists, also one that another process has just
+// created, the call succeeds without a change. Every other entry at that place is a conflict and is
+// not replaced.
 //
-// The target is examined first and once, so a missing target leaves no directories behind. The text
-// is built from the two paths alone: it climbs from the link to the root and goes down from there,
-// and no common beginning is cut off, so that equal arguments give equal texts for ever.
+// The target is checked first, so that a missing target leaves no new directories. The text depends
+// on the two paths alone: it climbs from the symlink to the root and descends from there. A common
+// prefix is not removed, because equal arguments must give equal texts in every version.
+//
+// Left open on purpose: the target is checked once, and can change before the symlink is created.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -30,7 +33,7 @@ std::string LinkText(const Segments& link, const Segments& target) {
 }
 
 bool ExactSymlink(int dirFd, const std::string& name, const std::string& text) {
-  // One byte more than wanted, so that a longer link is told from an equal one.
+  // The extra byte tells a longer text from an equal one.
   std::string found(text.size() + 1, '\0');
   const ssize_t length = ::readlinkat(dirFd, name.c_str(), found.data(), found.size());
   if (length < 0 || static_cast<size_t>(length) != text.size()) return false;

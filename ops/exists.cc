@@ -1,6 +1,6 @@
-// exists: whether an entry is there. An absent entry, or an absent directory on the way, is an
-// answer and not an error; a symbolic link or a hard-linked file is refused, since what it stands
-// for may lie outside the root.
+// exists: tells whether an entry exists, whatever its type. Returns false if the entry or a
+// directory on the way is missing. Refuses a symlink and a file with further hard links, because
+// they can be aliases of something outside the root.
 
 #include <sys/stat.h>
 

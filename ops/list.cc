@@ -1,6 +1,6 @@
-// list: the names in one directory, sorted by their bytes. Every entry counts, whatever its type,
-// temporary files left by a crash included. Names that come or go while the directory is read may
-// or may not be there; that the directory itself is the one named is checked.
+// list: returns the names in one directory, sorted by their bytes. Lists entries of every type,
+// also temporary files that a crash has left. Checks that the open directory is the named one. An
+// entry that appears or vanishes during the call may or may not be listed.
 
 #include "addon/error.h"
 #include "addon/operations.h"

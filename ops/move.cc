@@ -1,9 +1,9 @@
-// move: renames an entry from one place beneath a root to another, making the destination's missing
-// directories, and flushes both directories. A destination that exists is refused.
+// move: renames an entry within a root, creates the missing directories of the destination, and
+// flushes both parent directories. Refuses a destination that exists.
 //
-// Left open on purpose: the rename is the ordinary one, so an entry that appears at the destination
-// after the look is replaced where rename can replace it. Directories made for the destination stay
-// when the move then fails.
+// Left open on purpose: this is a plain rename, so it can replace an entry that appears at the
+// destination after the look. The source's parent is validated before the destination's, and can be
+// moved in between. Directories created for the destination stay if the move fails.
 
 #include <sys/stat.h>
 

@@ -1,11 +1,11 @@
-// publishVerified: gives a candidate its final name, but only if it still is exactly what the
-// caller verified: the file behind the caller's read-only descriptor, under its one name, with the
-// expected bytes. The new name is a hard link, which never replaces anything, and then the old name
-// goes.
+// publishVerified: gives a candidate file its final name, if it is still exactly what the caller
+// has verified: the file behind the caller's read-only descriptor, with one link and the expected
+// bytes. The new name is made as a hard link, which never replaces an entry. Then the old name is
+// removed.
 //
-// In between the file has two names. A failure there takes the new one back, so that the outcome is
-// nothing changed or published; only a crash leaves both. The caller's descriptor is borrowed: it
-// is not closed, and its offset is not moved.
+// In between the file has two names. A failure there removes the new one again, so that the file is
+// either published or unchanged. A crash there, or a failed removal, leaves both names. The
+// caller's descriptor is borrowed: it is not closed, and its offset does not move.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -42,8 +42,8 @@ bool GetPublishCall(napi_env env, const CallArguments<5>& call, PublishCall* out
          GetBytes(env, call.values[4], &out->expected);
 }
 
-// Whether the descriptor and the name still are the one file with the expected bytes, before the
-// bytes are compared and after. `verified` is what the file was at the end.
+// Whether the descriptor and the name are one file with the expected bytes, both before and after
+// the bytes are compared. `verified` receives the last state of the file.
 bool CandidateVerified(int fd, int dirFd, const char* name, const Bytes& expected,
                        struct stat* verified) {
   const int flags = ::fcntl(fd, F_GETFL);
@@ -52,10 +52,10 @@ bool CandidateVerified(int fd, int dirFd, const char* name, const Bytes& expecte
   struct stat named;
   if (::fstat(fd, &opened) != 0) return false;
   if (::fstatat(dirFd, name, &named, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  // A descriptor that can write could change the bytes after they were compared.
+  // A writable descriptor could change the bytes after the comparison.
   if ((flags & O_ACCMODE) != O_RDONLY) return false;
   if (!IsSoleFile(opened) || !IsSoleFile(named) || !SameIdentity(opened, named)) return false;
-  // A negative size becomes a length that no Buffer has.
+  // A negative size turns into a length that no Buffer has.
   if (static_cast<uint64_t>(opened.st_size) != expected.length) return false;
   if (!ReadExactAt(fd, expected)) return false;
   if (::fstat(fd, verified) != 0 || !SameStableMetadata(opened, *verified)) return false;
@@ -83,7 +83,7 @@ napi_value PublishVerified(napi_env env, napi_callback_info info) {
   const char* from = call.candidate.back().c_str();
   const char* to = call.destination.back().c_str();
 
-  // Index 0 at whatever depth the candidate lies; tests of host applications rely on it.
+  // Required: index 0 at every depth. Tests of host applications rely on it.
   if (!Hook(env, "publish-before-validation", from, 0)) return nullptr;
   if (!ChainHolds(*call.root, source) || !ChainHolds(*call.root, destination)) {
     return Throw(env, kOutOfRoot);
@@ -98,8 +98,8 @@ napi_value PublishVerified(napi_env env, napi_callback_info info) {
     return errno == EEXIST ? Throw(env, kAlreadyExists) : FailErrno(env, errno);
   }
   if (!NamesFile(destination.fd.Get(), to, verified)) {
-    // Whatever has the name now goes, even if it is not the candidate: what was about to be
-    // published under it is not verified.
+    // Required: the entry with that name is removed even if it is not the candidate. What the new
+    // name leads to was not verified and must not stay published.
     (void)::unlinkat(destination.fd.Get(), to, 0);
     return Throw(env, kStorageFailed);
   }
@@ -108,8 +108,8 @@ napi_value PublishVerified(napi_env env, napi_callback_info info) {
     (void)::unlinkat(destination.fd.Get(), to, 0);
     return FailErrno(env, unlinkError);
   }
-  // The new name first: on btrfs a directory's flush brings only that directory's changes to the
-  // disk, and a power cut after the candidate's would leave the file without any name.
+  // The new name first. On btrfs a directory's flush brings only that directory's changes to the
+  // disk: with the removal flushed first, a power cut between the two would lose both names.
   if (!FlushBothParents(destination, source)) return FailErrno(env, errno);
   return Undefined(env);
 }

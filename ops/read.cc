@@ -1,7 +1,8 @@
-// read: the whole content of a regular file. The descriptor read from is proved to be the file that
-// was looked at. The size is taken once: bytes appended later are not returned, and a file cut
-// short meanwhile yields a shorter Buffer. That the bytes did not change while they were read is
-// not promised; capture is for that.
+// read: returns the content of a regular file, up to its size when it was opened. The file must
+// have the same identity when it is stated by name and after the open. A file truncated meanwhile
+// yields a shorter Buffer.
+//
+// Left open on purpose: the bytes can change while they are read. capture detects that.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -26,7 +27,7 @@ napi_value Read(napi_env env, napi_callback_info info) {
   if (!SafeLeafStat(env, dirFd, leaf, &named, /*allowMissing=*/false)) return nullptr;
   if (!S_ISREG(named.st_mode)) return Throw(env, kOutOfRoot);
 
-  // Without O_NONBLOCK a FIFO put in the file's place would block here before it can be refused.
+  // Without O_NONBLOCK, a FIFO that takes the file's place would block here.
   const Descriptor file(
       ::openat(dirFd, leaf.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
   if (!file.IsOpen()) return FailErrno(env, errno);

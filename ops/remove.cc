@@ -1,11 +1,11 @@
-// remove: deletes a file, or a directory and everything below it. Symbolic links and hard-linked
-// files are refused wherever they stand, so that nothing is deleted that another place could miss.
+// remove: deletes a file, or a directory and everything beneath it. Refuses symlinks and files with
+// further hard links at every level. What was deleted before a refusal stays deleted.
 //
-// A directory is emptied in the order in which its stream yields the names, flushed, and removed;
-// the parent of the whole is flushed at the end. What was deleted before a refusal stays deleted.
+// A directory is emptied in the order of its stream, flushed and removed. The parent of the top
+// entry is flushed at the end.
 //
 // Left open on purpose: entries below the top are not compared with an earlier look. Each directory
-// is opened without following links, and that is what keeps the descent inside.
+// is opened without following symlinks, which keeps the walk beneath the root.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,8 +25,8 @@ namespace tarvek {
 
 namespace {
 
-// A directory being emptied. Its name stays valid for as long as the level lives: it is the leaf,
-// or lies in the stream of the level above, which is not read on until this one is gone.
+// A directory being emptied. `name` is the leaf, or points into the stream of the level above,
+// which is not read further before this level is gone.
 struct EmptyingLevel {
   int holderFd;
   const char* name;
@@ -43,7 +43,7 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, Levels<EmptyingLe
   return true;
 }
 
-// Unlinks the entry, or enters it as a new level if it is a directory.
+// Unlinks the entry, or pushes a new level if it is a directory.
 bool UnlinkOrEnter(napi_env env, int dirFd, const char* name, Levels<EmptyingLevel>* levels) {
   struct stat status;
   if (::fstatat(dirFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
@@ -53,7 +53,7 @@ bool UnlinkOrEnter(napi_env env, int dirFd, const char* name, Levels<EmptyingLev
   return true;
 }
 
-// At the end of the level's stream, with its errno.
+// Call at the end of the level's stream, while errno is that of the last read.
 bool RemoveEmptied(napi_env env, EmptyingLevel* level) {
   const int readError = errno;
   level->stream.reset();

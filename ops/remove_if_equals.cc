@@ -1,10 +1,10 @@
 // removeIfEquals: deletes a file only if its whole content is what the caller expects, and only if
-// nothing about it changed from the first look to the last. Three metadata records are compared in
-// a chain: the name with the open file, the open file before with after the reading, and the open
-// file with the name once more; the chain of directories comes last.
+// its metadata does not change from the first look to the last. The metadata is compared three
+// times: name and open file, open file before and after the reading, open file and name. The chain
+// of directories is validated last.
 //
-// Left open on purpose: there is no lock, and between the last look and the unlink the name can be
-// taken by something else.
+// Left open on purpose: there is no lock. Between the last look and the unlink, another entry can
+// take the name.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -37,11 +37,11 @@ bool GetRemoveIfEqualsCall(napi_env env, const CallArguments<3>& call, RemoveIfE
          GetBytes(env, call.values[2], &out->expected);
 }
 
-// Whether the open file is the one named, holds the expected bytes, and did not change while they
-// were compared. `after` is what it was at the end.
+// Whether the open file is the named one, holds the expected bytes, and did not change while they
+// were compared. `after` receives its last state.
 bool HoldsUnchanged(int fd, const struct stat& named, const Bytes& expected, struct stat* after) {
   struct stat before;
-  // A negative size becomes a length that no Buffer has.
+  // A negative size turns into a length that no Buffer has.
   return ::fstat(fd, &before) == 0 && SameStableMetadata(named, before) &&
          static_cast<uint64_t>(before.st_size) == expected.length && ReadExactAt(fd, expected) &&
          ::fstat(fd, after) == 0 && SameStableMetadata(before, *after);
@@ -71,7 +71,7 @@ napi_value RemoveIfEquals(napi_env env, napi_callback_info info) {
   if (!IsSoleFile(named)) return Throw(env, kOutOfRoot);
 
   if (!Hook(env, "remove-if-equals-open", leaf, index)) return nullptr;
-  // Without O_NONBLOCK, as the interface has it: a FIFO put there meanwhile makes the call wait.
+  // Required: no O_NONBLOCK. A FIFO that takes the file's place makes the call wait for a writer.
   const Descriptor file(::openat(dirFd, leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   if (!file.IsOpen()) return FailErrno(env, errno);
   if (!StillHolds(env, arguments.values[2], call.expected)) return Throw(env, kStorageFailed);

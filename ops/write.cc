@@ -1,16 +1,15 @@
 // write and create.
 //
-// write replaces a file atomically and durably: the bytes go into a temporary file in the same
-// directory, which is flushed, renamed over the target, and followed by a flush of the directory.
-// Until the rename the target holds its old bytes and every failure removes the temporary file;
-// from the rename on it holds the new ones. Only a crash in between, or an unlink that fails as
-// well, leaves a temporary file behind.
+// write: replaces a file. A temporary file in the same directory receives the bytes, is flushed,
+// and is renamed over the target. Then the directory is flushed. A failure before the rename leaves
+// the old content and removes the temporary file, and a later failure leaves the new content. A
+// crash before the rename, or a failed unlink, leaves the temporary file.
 //
-// create makes a file that must not exist yet, in place under exclusive creation. It never removes
-// what it created: a failure half-way leaves a partial file, which the caller can see and judge.
+// create: makes a new file in place with O_EXCL. A failure half-way leaves a partial file: it is
+// never removed, so that the caller can examine it.
 //
-// Left open on purpose: between the last look at the target and the rename, write may replace an
-// entry that somebody else just put there.
+// Left open on purpose: write replaces an entry that takes the target's name between the last look
+// and the rename.
 
 #include <fcntl.h>
 #include <sys/random.h>
@@ -38,12 +37,11 @@ namespace {
 
 constexpr int kExclusive = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
-// Shared by every JavaScript environment of the process, each of which has a thread of its own.
+// All JavaScript environments of the process share it, and each runs on its own thread.
 std::atomic<uint64_t> sequence{0};
 
-// The process id and the counter keep names apart within this machine's lifetime, the random digits
-// across restarts and against guessing. Too little entropy is no reason to fail: the exclusive open
-// refuses a name that is taken.
+// The random digits keep names apart: process ids are reused, and containers share them. A failed
+// getrandom is no reason to fail, because the exclusive open refuses a name that is taken.
 std::string TempName() {
   std::array<uint8_t, 16> random{};
   [[maybe_unused]] const ssize_t drawn = ::getrandom(random.data(), random.size(), 0);
@@ -57,7 +55,7 @@ std::string TempName() {
   return name;
 }
 
-// A temporary file's name on disk, which goes unless it is kept.
+// The name of a temporary file on disk. Unlinked on destruction, unless kept.
 class TempEntry {
  public:
   TempEntry(int dirFd, const std::string& name) : dirFd_(dirFd), name_(name) {}
@@ -67,7 +65,7 @@ class TempEntry {
 
   void Keep() { present_ = false; }
 
-  // Errors are ignored: the failure that leads here is the one to report.
+  // Ignores errors: the failure that leads here is the one to report.
   void Unlink() {
     if (std::exchange(present_, false)) (void)::unlinkat(dirFd_, name_.c_str(), 0);
   }
@@ -78,8 +76,7 @@ class TempEntry {
   bool present_ = true;
 };
 
-// False: errno says why, or whatever it said before when the kernel took no byte and gave no
-// reason.
+// Returns false with errno set. A write of 0 bytes sets no errno, so it keeps its value then.
 bool WriteAll(int fd, const Bytes& body) {
   size_t offset = 0;
   while (offset < body.length) {
@@ -90,7 +87,7 @@ bool WriteAll(int fd, const Bytes& body) {
   return true;
 }
 
-// True without a callback. False when it threw: its exception is the call's.
+// Returns true without a callback. Returns false if the callback threw, with its exception pending.
 bool WriteStage(napi_env env, napi_value stage, const char* name) {
   if (stage == nullptr) return true;
   napi_value global = nullptr;
@@ -106,7 +103,7 @@ struct WriteCall {
   napi_value stage = nullptr;  // null when none was given
 };
 
-// False: it has thrown, since which error it is depends on the fault.
+// Returns false after throwing, because the error depends on the fault.
 bool GetWriteCall(napi_env env, const CallArguments<4>& call, WriteCall* out) {
   if (call.count < 3 || call.count > 4) return Refuse(env, kOutOfRoot);
   out->root = GetRoot(env, call.values[0]);
@@ -137,12 +134,12 @@ napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& 
   const std::string temp = TempName();
   Descriptor file(::openat(parent.fd.Get(), temp.c_str(), kExclusive, kNewFileMode));
   if (!file.IsOpen()) return FailErrno(env, errno);
-  TempEntry entry(parent.fd.Get(), temp);  // goes before `file` does: unlinked, then closed
+  TempEntry entry(parent.fd.Get(), temp);  // destroyed before `file`: unlinked, then closed
 
   const bool written = WriteAll(file.Get(), call.body);
   if (written && !WriteStage(env, call.stage, "after-temp-write")) return nullptr;
   if (!written || ::fsync(file.Get()) != 0) {
-    // errno is read after the unlink: a name that cannot be removed either is the graver news.
+    // Required: errno is read after the unlink, so a failed unlink is reported instead.
     entry.Unlink();
     return FailErrno(env, errno);
   }
@@ -151,7 +148,7 @@ napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& 
   if (!WriteStage(env, call.stage, "before-file-rename")) return nullptr;
 
   if (!ChainHolds(*call.root, parent)) {
-    // Before the error is made: making it can run a setter of the program's.
+    // Before the error is made: that can run a setter on Object.prototype.
     entry.Unlink();
     return Throw(env, kOutOfRoot);
   }

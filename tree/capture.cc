@@ -1,13 +1,13 @@
-// capture: whole subtrees in memory, one record for every directory and every regular file, and
-// only if nothing changed while they were read.
+// capture: reads whole subtrees into memory, one record for each directory and regular file, and
+// fails if anything changes meanwhile.
 //
-// A file is looked at four times: by name before it is opened, through the descriptor after,
-// through the descriptor once its bytes are read, and by name again. A directory is bracketed the
-// same way around everything beneath it, so that an entry made, removed or renamed in it meanwhile
-// is noticed; the chain of directories above is proved before and after. Links, files with more
-// than one name, special files and a file met twice are refused.
+// The metadata of a file is compared four times: by name before the open, by descriptor after it,
+// by descriptor after the reading, and by name again. A directory is bracketed in the same way
+// around everything beneath it, so a created, removed or renamed entry is detected. The directories
+// above are validated before and after. Symlinks, files with further hard links, special files and
+// a file that was already captured are refused.
 //
-// Left open on purpose: a change that is undone between two looks, times included, is not seen.
+// Left open on purpose: a change that is undone between two looks, times included, is not detected.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -42,25 +42,25 @@ struct CaptureEntry {
   FileBody body;  // empty for a directory
 };
 
-// What one call has gathered, over all of its paths.
+// The results of one call so far, over all of its paths.
 struct Captured {
   IdentitySet identities;             // of the files
   std::vector<CaptureEntry> entries;  // a directory before what is in it
 };
 
-// A directory whose contents are being captured. Its name lies with whoever holds the directory and
-// outlives the level.
+// A directory whose contents are being captured. `name` is the leaf, or points into `names` of the
+// level above, and outlives this level.
 struct CaptureLevel {
   int holderFd;
   const char* name;
   Descriptor directory;
   struct stat opened;
-  size_t entry;  // its own, in Captured::entries
+  size_t entry;  // its index in Captured::entries
   Names names;
-  size_t next = 0;  // the first of `names` still to do
+  size_t next = 0;  // the first of `names` not yet captured
 };
 
-// The last two looks at an object that was opened: through its descriptor, then by its name.
+// The last two looks at an open object: by descriptor, then by name.
 bool LookAgain(napi_env env, int fd, int holderFd, const char* name, struct stat* after,
                struct stat* again) {
   if (::fstat(fd, after) != 0) return RefuseErrno(env, errno);
@@ -75,7 +75,7 @@ bool CaptureFile(napi_env env, int dirFd, const char* name, std::string path,
   if (!file.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
   if (::fstat(file.Get(), &opened) != 0) return RefuseErrno(env, errno);
-  // A negative size, which no file system of today reports, must not become a length to allocate.
+  // A broken file system could report a negative size, which must not become an allocation.
   if (!IsSoleFile(opened) || !SameStableMetadata(named, opened) || opened.st_size < 0) {
     return Refuse(env, kSourceReplaced);
   }
@@ -100,8 +100,8 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, std::string path,
                     const struct stat& named, Captured* captured, Levels<CaptureLevel>* levels) {
   Descriptor directory = OpenDirectoryAt(dirFd, name);
   if (!directory.IsOpen()) return RefuseErrno(env, errno);
-  // A failing fstat counts as a replaced directory here, while a file's is reported by its errno.
-  // The type cannot be another one behind O_DIRECTORY; it is asked all the same.
+  // Required: a failing fstat counts as a replaced directory here, while CaptureFile reports its
+  // errno. O_DIRECTORY admits no other type, which is checked all the same.
   struct stat opened;
   if (::fstat(directory.Get(), &opened) != 0 || !S_ISDIR(opened.st_mode) ||
       !SameStableMetadata(named, opened)) {
@@ -115,7 +115,7 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, std::string path,
   return true;
 }
 
-// After everything beneath the directory has been captured.
+// Call after everything beneath the directory has been captured.
 bool ConfirmDirectory(napi_env env, const CaptureLevel& level, const Captured& captured) {
   if (!Hook(env, "capture-directory-read", captured.entries[level.entry].path, 0)) return false;
   struct stat after;
@@ -130,7 +130,7 @@ bool ConfirmDirectory(napi_env env, const CaptureLevel& level, const Captured& c
   return true;
 }
 
-// Captures a file, or enters a directory as a new level.
+// Captures a file, or pushes a new level for a directory.
 bool CaptureOrEnter(napi_env env, int dirFd, const char* name, std::string path,
                     const struct stat& named, Captured* captured, Levels<CaptureLevel>* levels) {
   switch (named.st_mode & S_IFMT) {
@@ -153,8 +153,8 @@ std::string ChildPath(const std::string& directory, const char* name) {
   return path.append(directory).append(1, '/').append(name, length);
 }
 
-// Captures one object, and for a directory all that is beneath it. `named` is what the name was
-// found to be just before. False: it has thrown.
+// Captures one object, and everything beneath it if it is a directory. `named` is the latest stat
+// of its name. Returns false after throwing.
 bool CaptureNode(napi_env env, int dirFd, const char* name, std::string path,
                  const struct stat& named, Captured* captured) {
   Levels<CaptureLevel> levels;
@@ -195,7 +195,7 @@ bool CapturePath(napi_env env, const Root& root, const Segments& segments, Captu
   return ChainHolds(root, parent) || Refuse(env, kOutOfRoot);
 }
 
-// Every element is converted before anything is opened. False: one was refused.
+// Converts every element before anything is opened. Returns false if one is refused.
 bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
   uint32_t count = 0;
   if (!GetElementCount(env, value, &count)) return false;
@@ -209,8 +209,8 @@ bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
   return true;
 }
 
-// The texts that every record shares. The keys are among them since one that is given as text is
-// looked up anew each time.
+// The strings that all records share. Also the keys: a key given as text would be looked up for
+// each property.
 struct RecordTexts {
   explicit RecordTexts(napi_env env)
       : path(String(env, "path")),
@@ -240,9 +240,9 @@ napi_value Record(napi_env env, const RecordTexts& texts, const CaptureEntry& en
   return record;
 }
 
-// Only here, after the whole walk: a setter that the program has put on Object.prototype runs when
-// a record is made, and must not run between two looks. What is left of an entry goes at once, so
-// that small files are not held twice.
+// Makes the records after the whole walk: a setter that the program has put on Object.prototype
+// runs when a record is made, and must not run between two looks. Frees the native bytes of each
+// entry at once, so that small files are not held twice.
 napi_value RecordArray(napi_env env, std::vector<CaptureEntry>* entries) {
   const RecordTexts texts(env);
   napi_value result = nullptr;

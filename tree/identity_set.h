@@ -1,6 +1,6 @@
-// The identities of the files that one call has met: a table with open addressing, in two blocks.
-// A standard set asks for memory once for each file, between all that the file needs itself, and a
-// large capture takes a twentieth longer.
+// The identities of the files that one call has met: a hash table with open addressing, in two
+// blocks. A standard set allocates once for each file, and a large capture takes 5 % longer with
+// it.
 #pragma once
 
 #include <bit>
@@ -18,7 +18,7 @@ class IdentitySet {
     return !slots_.empty() && slots_[SlotOf(identity)] != kEmpty;
   }
 
-  // One that it does not contain.
+  // `identity` must not be in the set.
   void Insert(const Identity& identity) {
     if (identities_.size() >= slots_.size() / 2) Grow();
     slots_[SlotOf(identity)] = identities_.size();
@@ -28,11 +28,12 @@ class IdentitySet {
  private:
   static constexpr size_t kEmpty = SIZE_MAX;
   static constexpr size_t kFirstSlots = 64;
-  // 2^64 divided by the golden ratio.
+  // 2^64 divided by the golden ratio, for multiplicative hashing.
   static constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
 
-  // Where it is, or where it would go. Inode numbers come in runs and with zeros at either end; the
-  // uppermost bits of the product differ for all of them. Numbers chosen to collide cost time only.
+  // The slot of `identity`, or the empty slot where it belongs. Inode numbers come in runs and with
+  // zeros at either end, and the top bits of the product spread all of them. Numbers chosen to
+  // collide cost time only.
   [[nodiscard]] size_t SlotOf(const Identity& identity) const {
     const uint64_t mixed = (identity.ino ^ identity.dev << 32) * kSpread;
     size_t slot = mixed >> (std::countl_zero(slots_.size()) + 1);
@@ -50,7 +51,7 @@ class IdentitySet {
   }
 
   std::vector<Identity> identities_;
-  std::vector<size_t> slots_;  // a power of two of them: indexes of `identities_`
+  std::vector<size_t> slots_;  // indexes of `identities_`; their number is a power of two
 };
 
 }  // namespace tarvek

@@ -1,14 +1,12 @@
-// snapshot: every regular file beneath one directory, as an object that maps its path below that
-// directory to its bytes. The object has no prototype, so a file named like a member of one is an
-// ordinary key.
+// snapshot: reads every regular file beneath one directory into an object that maps paths to
+// Buffers. The object has no prototype, so a file named `constructor` is an ordinary key.
 //
-// This is capture's lighter sibling. Directories show only in the paths of their files; each entry
-// opened is proved to be the one that was looked at, and links, files with more than one name and
-// special files are refused.
+// Lighter than capture. Directories appear only in the paths of their files. An open file or
+// directory must have the identity of its name. Symlinks, files with further hard links and special
+// files are refused.
 //
-// Left open on purpose: change while it reads is not noticed. A file may be returned with part old
-// and part new bytes, and one that is renamed across the walk may be missing or stand under two
-// keys.
+// Left open on purpose: changes during the call are not detected. A file may come back with old and
+// new bytes mixed. A file renamed during the walk may be missing, or appear under two keys.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -33,8 +31,8 @@ namespace {
 struct SnapshotLevel {
   Descriptor directory;
   Names names;
-  size_t prefixLength;  // of the key, up to and with the directory's own "/"
-  size_t next = 0;      // the first of `names` still to do
+  size_t prefixLength;  // of the key, including the "/" after the directory
+  size_t next = 0;      // the first of `names` not yet read
 };
 
 bool IsStill(int fd, const struct stat& named, struct stat* opened) {
@@ -70,14 +68,14 @@ bool AddOrEnter(napi_env env, int dirFd, const char* name, std::string* key, nap
                 Levels<SnapshotLevel>* levels) {
   struct stat named;
   if (::fstatat(dirFd, name, &named, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
-  // A file without any link passes here, as it does not in capture.
+  // Required: a file without any link passes here. capture refuses it.
   if (IsLinked(named)) return Refuse(env, kOutOfRoot);
   if (S_ISDIR(named.st_mode)) return EnterDirectory(env, dirFd, name, named, key, levels);
   if (S_ISREG(named.st_mode)) return AddFile(env, dirFd, name, *key, named, target);
   return Refuse(env, kOutOfRoot);
 }
 
-// Adds the files of a directory and of everything beneath it to `target`. False: it has thrown.
+// Adds all files beneath the directory to `target`. Returns false after throwing.
 bool SnapshotDirectory(napi_env env, Descriptor directory, napi_value target) {
   Names names;
   if (!ReadNames(env, directory.Get(), &names)) return false;
@@ -98,8 +96,8 @@ bool SnapshotDirectory(napi_env env, Descriptor directory, napi_value target) {
   return true;
 }
 
-// Through the global Object.create as the program has it now. Null when the call failed: whatever
-// it threw is pending, and nothing is added to that.
+// Required: calls the global Object.create, also if the program has replaced it. Returns null if
+// the call failed, with the exception of that call pending, if any.
 napi_value CreateResult(napi_env env) {
   napi_value global = nullptr;
   napi_value object = nullptr;
