@@ -1,14 +1,20 @@
-// The floor: what the module's system calls cost by themselves. The table below gives each
-// operation's calls, the same ones in the same order with the same flags; nothing is checked, no
-// JavaScript value is made, and the bytes and names that come back stay in native memory. No module
-// that gives the same guarantees can be faster than this.
+// The floor: what the module's system calls cost by themselves. The table below lists the calls of
+// each operation: the same ones in the same order with the same flags. Nothing is checked, no
+// JavaScript value is made, and what the calls return stays in native memory. No module with the
+// same guarantees can make its calls for less.
 //
-//   prepare(operation, rootFd, calls)   a plan; each of `calls` is the fields of a Call in order
-//   run(plan, times)                    makes every call so many times; how many bytes and names
-//                                       were read
+//   prepare(operation, rootFd, calls)   returns a plan; each of `calls` has the fields of a Call
+//   run(plan, times)                    makes every call `times` times; returns how many bytes and
+//                                       names were read
 //
-// A result is looked at only where the next call depends on it. bench/verify-floor.js proves that
-// the calls are the module's.
+// A result is looked at only if the next call depends on it. bench/verify-floor.js proves that the
+// calls are the module's.
+//
+// The bytes of a small file get a block of memory, which is kept until the operation is over: no
+// module can return them with less. All larger files are read into the same memory, which is never
+// new. A module needs memory for each result, and most of the distance of a large read from the
+// floor is page faults in it. The floor leaves them out, because their number depends on what
+// malloc has at hand: a floor with page faults is slower than a module that happens to have fewer.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -35,7 +41,7 @@ using Names = std::span<const std::string>;
 struct Call {
   std::array<Path, 2> paths;
   std::string body;
-  std::string linkText;  // of a symbolic link at the first path to the second
+  std::string linkText;  // of a symlink at the first path that leads to the second
   int candidate;
 };
 
@@ -46,12 +52,14 @@ constexpr int kExclusive = O_WRONLY | O_CREAT | O_EXCL | kSafe;
 constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | kSafe;
 constexpr size_t kChunk = 64 * 1024;
 
-// Where the calls put what they return. What was read is held until the operation is over.
-struct stat status;
-std::vector<char> room(kChunk);
-std::vector<std::unique_ptr<char[]>> bodies;
+constexpr size_t kSmall = 16 * 1024;
 
-// Straight to the kernel: libc may turn fstat into a lookup of an empty name.
+// What the calls return.
+struct stat status;
+std::vector<char> scratch(kChunk);
+std::vector<std::unique_ptr<char[]>> smallFiles;
+
+// Not through libc, which may turn fstat into a lookup of an empty name.
 void FstatOf(int fd) { (void)::syscall(SYS_fstat, fd, &status); }
 
 void LookAt(int dirFd, const std::string& name) {
@@ -62,20 +70,24 @@ int OpenAt(int dirFd, const std::string& name, int flags) {
   return ::openat(dirFd, name.c_str(), flags, 0600);
 }
 
-// As many bytes as the latest look found.
+// Up to the size that the latest fstat returned.
 size_t ReadBytes(int fd) {
-  const auto wanted = static_cast<size_t>(status.st_size);
-  if (wanted == 0) return 0;
-  bodies.push_back(std::make_unique_for_overwrite<char[]>(wanted));
-  return static_cast<size_t>(::read(fd, bodies.back().get(), wanted));
+  const auto size = static_cast<size_t>(status.st_size);
+  if (size == 0) return 0;
+  if (size <= kSmall) {
+    smallFiles.push_back(std::make_unique_for_overwrite<char[]>(size));
+    return static_cast<size_t>(::read(fd, smallFiles.back().get(), size));
+  }
+  if (size > scratch.size()) scratch.resize(size);
+  return static_cast<size_t>(::read(fd, scratch.data(), size));
 }
 
 void CompareBytes(int fd, const std::string& body) {
   for (size_t offset = 0; offset < body.size(); offset += kChunk) {
     const size_t wanted = std::min(kChunk, body.size() - offset);
-    (void)!::pread(fd, room.data(), wanted, static_cast<off_t>(offset));
+    (void)!::pread(fd, scratch.data(), wanted, static_cast<off_t>(offset));
   }
-  (void)!::pread(fd, room.data(), 1, static_cast<off_t>(body.size()));
+  (void)!::pread(fd, scratch.data(), 1, static_cast<off_t>(body.size()));
 }
 
 // `visit` is called between two reads of the directory.
@@ -89,7 +101,7 @@ void VisitNames(int dirFd, Visit visit) {
   ::closedir(stream);
 }
 
-// Sorted, since their order is that of the calls that follow, and of a list.
+// Sorted: `list` returns them in this order, and the next calls follow it.
 Path NamesIn(int dirFd) {
   Path names;
   VisitNames(dirFd, [&names](std::string_view name) { names.emplace_back(name); });
@@ -133,7 +145,7 @@ void RemoveEntry(int dirFd, const std::string& name) {
   ::close(directory);
 }
 
-// A whole file or directory, looked at once more after it has been read for `capture`.
+// A whole file or directory. `capture` looks at it once more after reading.
 size_t ReadEntry(int dirFd, const std::string& name, bool capture) {
   size_t count = 0;
   LookAt(dirFd, name);
@@ -153,7 +165,7 @@ size_t ReadEntry(int dirFd, const std::string& name, bool capture) {
   return count;
 }
 
-// One call under way: the directories of its leaves, and what else is open.
+// A call in progress: the parent directories of both leaves, and what else is open.
 struct State {
   const std::string& Leaf() const { return call.paths[0].back(); }
   const std::string& OtherLeaf() const { return call.paths[1].back(); }
@@ -200,7 +212,7 @@ void Unlink(State& at) { ::unlinkat(at.parent, at.Leaf().c_str(), 0); }
 void MakeDirectory(State& at) { ::mkdirat(at.parent, at.Leaf().c_str(), 0700); }
 
 void CreateTemp(State& at) {
-  (void)!::getrandom(room.data(), 16, 0);
+  (void)!::getrandom(scratch.data(), 16, 0);
   at.temp = ".tarvek-" + std::to_string(::getpid()) + "-0-floor";
   at.file = OpenAt(at.parent, at.temp, kExclusive);
 }
@@ -213,7 +225,7 @@ void MakeLink(State& at) {
 }
 void ReadLink(State& at) {
   const size_t length = at.call.linkText.size() + 1;
-  (void)!::readlinkat(at.parent, at.Leaf().c_str(), room.data(), length);
+  (void)!::readlinkat(at.parent, at.Leaf().c_str(), scratch.data(), length);
 }
 void LookAtCandidate(State& at) {
   FstatOf(at.call.candidate);
@@ -340,7 +352,7 @@ napi_value Run(napi_env env, napi_callback_info info) {
       State state{plan->root, call};
       for (const Step step : plan->steps) step(state);
       count += state.count;
-      bodies.clear();
+      smallFiles.clear();
     }
   }
   napi_value result = nullptr;
