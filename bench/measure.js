@@ -1,8 +1,7 @@
 'use strict';
 
-// Timing. All subjects of a workload run in this process, in turns whose order rotates and reverses;
-// what counts is how they compare within a round, so that a slow moment of the machine slows all of
-// them.
+// Timing. All subjects of a workload run in this process and take turns; the order rotates and
+// reverses. Times are compared within a round only: a slow moment of the machine slows all of them.
 
 const { performance } = require('node:perf_hooks');
 const v8 = require('node:v8');
@@ -11,8 +10,8 @@ const vm = require('node:vm');
 v8.setFlagsFromString('--expose-gc');
 const collect = vm.runInNewContext('gc');
 
-// So that nobody's garbage is collected at another's expense. Buffers are freed by a thread of their
-// own; the second collection waits for it.
+// Without this, one subject would pay for collecting another's garbage. A thread of the engine frees
+// the Buffers; the second collection waits for it.
 function collectGarbage() {
   collect();
   collect();
@@ -28,8 +27,8 @@ const clocks = {
   disk: () => performance.now() * 1000,
 };
 
-// The median, and the 95 % interval for it that the order of the values alone gives: how many of n
-// values lie below the true median is a matter of n tosses of a coin.
+// The median and its 95 % confidence interval. The interval assumes no distribution: each value is
+// below the true median with a chance of one half, so the number of those below is binomial.
 function median(values) {
   const sorted = Float64Array.from(values).sort();
   const last = sorted.length - 1;
@@ -51,7 +50,7 @@ function timeOf(clock, act) {
   return clock() - start;
 }
 
-// How often a stand's calls have to be repeated to take so many milliseconds, three times in a row.
+// How often a runner has to repeat its calls to take so many milliseconds, three times in a row.
 function repetitions({ once, run }, clock, milliseconds) {
   if (once) return 1;
   const isEnough = (times) => timeOf(clock, () => run(times)) >= milliseconds * 1000;
@@ -60,28 +59,31 @@ function repetitions({ once, run }, clock, milliseconds) {
   return times;
 }
 
-// Microseconds a call, and how the first stand's compare with each other's. Takes about so many
-// seconds by its clock, but never less than the rounds that an interval needs. All stands repeat
-// their calls equally often, so that a cold start weighs equally on them. Short turns leave little
-// garbage, and collecting it before each would shake what follows far more than leaving it does.
-function measure(stands, medium, { seconds, milliseconds, collectBefore }) {
+// Returns each runner's microseconds for a call, and the ratio of the first runner's time to it.
+// Takes about `seconds` by the medium's clock, and at least the rounds that an interval needs.
+//   milliseconds    how long a turn of the first runner takes; the others repeat as often
+//   warmUp          rounds that do not count, while the engine still compiles
+//   collectBefore   collects garbage before each turn; not for short turns, which leave little and
+//                   which the collection would disturb
+function measure(runners, medium, { seconds, milliseconds, warmUp, collectBefore }) {
   const clock = clocks[medium];
-  const times = stands.map(() => []);
-  for (const stand of stands) stand.prepare();
-  const repeat = repetitions(stands[0], clock, milliseconds);
-  const end = clock() + seconds * 1e6;
-  for (let round = 0; round < LEAST_ROUNDS || clock() < end; ++round) {
-    const order = stands.map((_, turn) => (round + turn) % stands.length);
+  const times = runners.map(() => []);
+  for (const { prepare } of runners) prepare();
+  const repeat = repetitions(runners[0], clock, milliseconds);
+  let end = 0;
+  for (let round = 0; round < warmUp + LEAST_ROUNDS || clock() < end; ++round) {
+    if (round === warmUp) end = clock() + seconds * 1e6;
+    const order = runners.map((_, turn) => (round + turn) % runners.length);
     for (const index of round % 2 === 0 ? order : order.reverse()) {
-      const { prepare, once, run, weight } = stands[index];
+      const { prepare, once, run, units } = runners[index];
       prepare();
       if (collectBefore) collectGarbage();
       if (!once) run(Math.ceil(repeat / 8));
       const time = timeOf(clock, () => run(repeat));
-      times[index].push(time / (repeat * weight));
+      if (round >= warmUp) times[index].push(time / (repeat * units));
     }
   }
-  return stands.map(({ name }, index) => ({
+  return runners.map(({ name }, index) => ({
     name,
     microseconds: median(times[index]),
     ratio: median(times[0].map((time, round) => time / times[index][round])),

@@ -1,7 +1,9 @@
 'use strict';
 
-// Run in a process of its own: prints the bytes by which `node memory.js OPERATION DIRECTORY` raised
-// the peak of the memory that the process had, with the result still held.
+// node memory.js OPERATION DIRECTORY
+//
+// Makes one call and prints by how many bytes it raised the peak of the process's memory. Needs a
+// process of its own, since a peak never falls.
 
 const { readFileSync } = require('node:fs');
 const tarvek = require('..');
@@ -13,4 +15,5 @@ const handle = tarvek.openRoot(directory);
 const before = peak();
 const result = tarvek[operation](handle, operation === 'capture' ? [['leaf']] : ['leaf']);
 console.log(peak() - before);
+// Used after the measurement, so that the collector cannot take the result before.
 if (!result) process.exitCode = 1;

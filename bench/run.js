@@ -2,20 +2,21 @@
 
 // npm run bench [-- --quick] [--only PATTERN] [--against MODULE]
 //
-// Compares the module with what a user would weigh it against. `--quick` takes less than a minute,
-// `--only` measures the workloads whose name fits a regular expression, `--against` adds another
-// build of the module as a subject. Writes build/bench/results.json and build/bench/results.md.
+// Compares the module's times with those of other ways, and its targets with the results. `--quick`
+// is less exact, `--only` measures the workloads whose names match a regular expression, `--against`
+// adds another build of the module as a subject. Writes build/bench/results.json and results.md.
+//
+// A missed target is only reported: another program on the machine can cause it.
 
-const { execFileSync } = require('node:child_process');
+const { execFile } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
-const { setImmediate: otherEvents } = require('node:timers/promises');
-const { parseArgs } = require('node:util');
-const { measure, median } = require('./measure.js');
+const { parseArgs, promisify } = require('node:util');
+const { median } = require('./measure.js');
 const { judgeAll, resultTable, targetTable } = require('./report.js');
-const { compare, home, lay, stand, subjects } = require('./stand.js');
-const { MIB, tree, workloads } = require('./workloads.js');
+const { buildDirectory, buildFloor, writeTree } = require('./runners.js');
+const { workloads } = require('./workloads.js');
 
 const TMPFS = 0x01021994;
 
@@ -27,17 +28,10 @@ const { quick, only, against } = parseArgs({
   },
 }).values;
 
-const isShort = (kind) => ['small', 'one file', 'names'].includes(kind);
-
-// The smaller a turn, the likelier it is that nothing interrupts it; what takes much memory needs
-// turns that use it more than once.
-const effort = ({ kind }) => ({
-  seconds: quick ? 0.15 : 4,
-  milliseconds: (isShort(kind) ? 3 : 20) / (quick ? 2 : 1),
-  collectBefore: !isShort(kind),
-});
-
-if (against) subjects['other build'] = require(path.resolve(against));
+const runNode = async (script, ...args) => {
+  const command = [path.join(__dirname, script), ...args];
+  return JSON.parse((await promisify(execFile)(process.execPath, command)).stdout);
+};
 
 const isTmpfs = (at) => fs.existsSync(at) && fs.statfsSync(at).type === TMPFS;
 const sizeOf = (content) =>
@@ -45,11 +39,11 @@ const sizeOf = (content) =>
     ? 4096 + content.length
     : Object.values(content).reduce((sum, inner) => sum + sizeOf(inner), 4096);
 
-function say(text) {
+function showProgress(text) {
   process.stderr.write(process.stderr.isTTY ? `\r\x1b[K${text}` : text && `${text}\n`);
 }
 
-// A directory that goes when the process ends.
+// A directory that is removed when the process ends.
 function temporary(parent) {
   const made = fs.mkdtempSync(path.join(fs.realpathSync(parent), 'tarvek-bench-'));
   process.on('exit', () => fs.rmSync(made, { recursive: true, force: true }));
@@ -58,80 +52,76 @@ function temporary(parent) {
 
 function places() {
   const memory = temporary(isTmpfs('/dev/shm') ? '/dev/shm' : os.tmpdir());
-  return { memory, disk: temporary(isTmpfs(os.tmpdir()) ? home : os.tmpdir()) };
+  return { memory, disk: temporary(isTmpfs(os.tmpdir()) ? buildDirectory : os.tmpdir()) };
 }
 
 function fits(place, layout) {
   const { bavail, bsize } = fs.statfsSync(place);
-  return sizeOf(layout) < bavail * bsize && sizeOf(layout) < os.freemem() / 2;
+  const size = sizeOf(layout);
+  return size < bavail * bsize && size < os.freemem() / 2;
 }
 
-function runWorkload(workload, base) {
-  const names = ['tarvek', ...workload.subjects, ...(against ? ['other build'] : [])];
-  const stands = names.map((name) => stand(name, workload, base));
-  compare(stands, workload);
-  const [{ microseconds }, ...others] = measure(stands, workload.medium, effort(workload));
-  for (const { close } of stands) close();
-  fs.rmSync(base, { recursive: true });
-  const ratios = Object.fromEntries(others.map(({ name, ratio }) => [name, ratio]));
-  return { microseconds, ratios };
+async function peakMemory({ operation, payload, layout }, base) {
+  writeTree(base, layout());
+  const ratios = [];
+  for (let left = quick ? 1 : 3; left > 0; --left) {
+    ratios.push((await runNode('memory.js', operation, base)) / payload);
+  }
+  return { ratios: { 'its payload': median(ratios) } };
 }
 
-// In a process of its own, since a peak does not go down again.
-function runMemory({ operation, payload, layout }, base) {
-  lay(base, layout);
-  const command = [path.join(__dirname, 'memory.js'), operation, base];
-  const peaks = Array.from({ length: quick ? 1 : 3 }, () =>
-    Number(execFileSync(process.execPath, command)),
-  );
-  fs.rmSync(base, { recursive: true });
-  return { ratios: { 'its payload': median(peaks.map((peak) => peak / payload)) } };
+function run(workload, base) {
+  if (workload.kind === 'memory') return peakMemory(workload, base);
+  const { name, medium } = workload;
+  return runNode('measure-workload.js', JSON.stringify({ name, medium, base, quick, against }));
 }
-
-const memoryWorkload = (operation, size, payload, content) => ({
-  ...{ name: `peak memory of ${operation} of ${size}`, operation, medium: 'memory', payload },
-  ...{ kind: 'memory', layout: { leaf: content } },
-});
 
 async function runAll(chosen, place) {
   const results = [];
   const skipped = [];
   for (const [index, workload] of chosen.entries()) {
     const { name, operation, kind, level, medium } = workload;
-    say(`${index + 1} of ${chosen.length}: ${name}${medium === 'disk' ? ', on a disk' : ''}`);
-    if (!fits(place[medium], workload.layout)) {
+    showProgress(
+      `${index + 1} of ${chosen.length}: ${name}${medium === 'disk' ? ', on a disk' : ''}`,
+    );
+    if (!fits(place[medium], workload.layout())) {
       skipped.push(name);
       continue;
     }
-    const run = kind === 'memory' ? runMemory : runWorkload;
-    const outcome = run(workload, path.join(place[medium], 'workload'));
+    const base = path.join(place[medium], 'workload');
+    const outcome = await run(workload, base);
+    fs.rmSync(base, { recursive: true });
     results.push({ name, operation, kind, level, medium, ...outcome });
-    await otherEvents();
   }
-  say('');
+  showProgress('');
   return { results, skipped };
 }
 
-const chosen = [
-  ...workloads(quick),
-  memoryWorkload('read', '256 MiB', 256 * MIB.length, Buffer.alloc(256 * MIB.length, 'r')),
-  memoryWorkload('capture', '1 GiB', 1024 * MIB.length, tree(1024, MIB)),
-].filter(({ name }) => new RegExp(only).test(name));
 function report({ results, skipped }, place) {
-  const machine = [
-    `${os.cpus()[0].model}, Linux ${os.release()}, Node.js ${process.versions.node};`,
-    `CPU time on ${isTmpfs(place.memory) ? 'a tmpfs' : 'a disk, for want of a tmpfs'},`,
-    `wall time ${isTmpfs(place.disk) ? 'on a tmpfs, for want of a disk' : 'on a disk'}`,
-  ].join(' ');
-  const text = [targetTable(results), resultTable(results), machine].join('\n\n');
-  fs.writeFileSync(path.join(home, 'results.md'), `${text}\n`);
-  const json = { machine, targets: judgeAll(results), results, skipped };
-  fs.writeFileSync(path.join(home, 'results.json'), `${JSON.stringify(json, null, 2)}\n`);
+  const linux = os.release().split('-')[0];
+  const machine = `${os.cpus()[0].model}, Linux ${linux}, Node.js ${process.versions.node}`;
+  const memory = isTmpfs(place.memory) ? 'on a tmpfs' : 'on a disk, since there is no tmpfs';
+  const disk = isTmpfs(place.disk) ? 'on a tmpfs, since there is no disk' : 'on a disk';
+  const text = [
+    targetTable(results),
+    resultTable(results),
+    `${machine}; CPU time ${memory}, wall time ${disk}`,
+  ].join('\n\n');
+  fs.writeFileSync(path.join(buildDirectory, 'results.md'), `${text}\n`);
+  const all = { machine, targets: judgeAll(results), results, skipped };
+  fs.writeFileSync(path.join(buildDirectory, 'results.json'), `${JSON.stringify(all, null, 2)}\n`);
   console.log(text);
-  if (skipped.length > 0) console.log(`\nNot measured, for want of room: ${skipped.join('; ')}`);
+  if (skipped.length > 0) console.log(`\nNot measured, too little room: ${skipped.join('; ')}`);
 }
 
-// Between two workloads, so that what is on disk goes too; a second one ends it at once.
+async function main() {
+  buildFloor();
+  const chosen = workloads(quick).filter(({ name }) => new RegExp(only).test(name));
+  const place = places();
+  const outcome = await runAll(chosen, place);
+  report(outcome, place);
+}
+
+// Ends through `exit`, so that the temporary directories are removed.
 process.once('SIGINT', () => process.exit(130));
-const place = places();
-runAll(chosen, place).then((outcome) => report(outcome, place));
+main();

@@ -1,31 +1,32 @@
 'use strict';
 
 // Proves with strace that the floor makes the module's system calls: the same ones in the same
-// order, on the same files, with the same flags and results. So the module cannot make another call,
-// or flush another time, unless floor.cc says so too. Left out are what a call returns in memory, and
-// what Node makes calls of its own for: memory, locks and the number of the process. Prints how many
-// calls and flushes an operation takes.
+// order, on the same files, with the same flags and results. So the module cannot gain a call or
+// lose a flush unless floor.cc says so too. Not compared: what a call returns in memory, and calls
+// that Node makes as well, which are those for memory, for locks, and getpid. Prints how many calls
+// and flushes an operation takes.
 
 const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
-const { stand } = require('./stand.js');
+const { buildFloor, makeRunner } = require('./runners.js');
 const { onTree, workloads } = require('./workloads.js');
 
 const MARK = '/proc/self/tarvek-mark';
 const chosen = [
   ...workloads(true).filter(({ kind, medium }) => kind === 'small' && medium === 'memory'),
+  ...workloads(true).filter(({ name }) => /^read of (1|64) MiB$/.test(name)),
   onTree('capture', 50),
   onTree('snapshot', 50),
 ];
 
-// In the process that strace watches: marks where each stand's calls begin and end.
+// In the process that strace watches: marks where each runner's calls begin and end.
 function act(base) {
   for (const [index, workload] of chosen.entries()) {
     for (const subject of ['tarvek', 'floor']) {
       const place = path.join(base, String(index));
-      const { run, prepare, close } = stand(subject, { ...workload, shared: false }, place);
+      const { run, prepare, close } = makeRunner(subject, { ...workload, shared: false }, place);
       prepare();
       fs.existsSync(`${MARK} ${index} ${subject}`);
       run(1);
@@ -35,8 +36,8 @@ function act(base) {
   }
 }
 
-// What is left of a line when all is gone that may differ.
-const plain = (line) =>
+// Without the parts of a line that may differ.
+const comparable = (line) =>
   line
     .replace(/\d+<([^>]*)>/g, '<$1>')
     .replace(/0x[0-9a-f]{6,}/g, 'memory')
@@ -44,17 +45,17 @@ const plain = (line) =>
     .replace(/\.tarvek-[^"> ]*/g, 'temporary')
     .replace(/getrandom\("[^"]*"/, 'getrandom(random');
 
-function callsByStand(trace) {
+function callsByRunner(trace) {
   const calls = new Map();
   let current;
   for (const line of trace.split('\n')) {
     if (!line.includes(MARK)) {
-      current?.push(plain(line));
+      current?.push(comparable(line));
       continue;
     }
-    const [, stand] = new RegExp(`${MARK} ([^"]*)`).exec(line) ?? [];
-    current = stand && [];
-    if (stand) calls.set(stand, current);
+    const [, runner] = new RegExp(`${MARK} ([^"]*)`).exec(line) ?? [];
+    current = runner && [];
+    if (runner) calls.set(runner, current);
   }
   return calls;
 }
@@ -72,6 +73,7 @@ function differences(calls) {
 }
 
 function main() {
+  buildFloor();
   const base = fs.mkdtempSync(path.join(fs.realpathSync(os.tmpdir()), 'verify-'));
   try {
     const trace = path.join(base, 'trace');
@@ -89,7 +91,7 @@ function main() {
       'verbose=none',
     ];
     execFileSync('strace', [...strace, process.execPath, __filename, base], { stdio: 'inherit' });
-    const calls = callsByStand(fs.readFileSync(trace, 'latin1'));
+    const calls = callsByRunner(fs.readFileSync(trace, 'latin1'));
     const different = differences(calls);
     for (const [index, workload] of chosen.entries()) {
       const made = calls.get(`${index} tarvek`);

@@ -1,22 +1,25 @@
 'use strict';
 
-// What is measured. A workload is a layout on disk and the calls made on it:
+// What is measured. A workload is a tree of files and the calls made on it:
 //
 //   name, operation, kind   `kind` groups workloads for the targets
 //   level                   how many segments its paths have
 //   medium                  'memory' for CPU time on a tmpfs, 'disk' for wall time on a disk
-//   floor                   the floor's name for the operation on such a layout
-//   subjects                the module is compared with
-//   layout                  what is in the root: an object is a directory, all else a file
+//   floor                   the operation's name in floor.cc
+//   subjects                what the module is compared with
+//   layout()                the tree: an object is a directory, anything else is a file's content
 //   calls(place)            argument lists without the handle; `place.at(...names)` is a path
-//   once                    its calls use the layout up, so it is laid anew before every round
-//   shared                  it changes nothing, so that one layout serves all subjects
+//   once                    its calls change the tree, which is written again before every round
+//   shared                  its calls only read, and all subjects use one tree
+//
+// A workload of kind 'memory' has no calls and no subjects: its `payload` is the number of bytes
+// that the result holds, and the peak of the process's memory is compared with that.
 
 const fs = require('node:fs');
 
 const BODY = Buffer.alloc(100, 'x');
-const KIB = Buffer.alloc(1024, 'k');
-const MIB = Buffer.alloc(1024 ** 2, 'm');
+const KIB = 1024;
+const MIB = 1024 ** 2;
 const LEVELS = ['one', 'two', 'three', 'four', 'five'];
 const LEAVES_USED_UP = { memory: 100, disk: 10 };
 const ALL = ['floor', 'node:fs', 'JavaScript only'];
@@ -26,14 +29,16 @@ const numbered = (count, prefix, content) =>
   Object.fromEntries(Array.from({ length: count }, (_, i) => [`${prefix}${i}`, content]));
 const beneath = (directories, content) =>
   directories.reduceRight((inner, name) => ({ [name]: inner }), content);
-// In directories of a thousand files, the last one with the rest.
-function tree(files, body) {
+const filled = (size) => Buffer.alloc(size, 'f');
+// Directories with a thousand files each; the last one has the rest.
+function tree(files, size) {
+  const body = filled(size);
   const rest = files % 1000 || 1000;
   const full = numbered(Math.ceil(files / 1000) - 1, 'directory', numbered(1000, 'file-', body));
   return { ...full, last: numbered(rest, 'file-', body) };
 }
 
-// On an open descriptor of the file, which keeps leading to it when its name changes.
+// The calls share one descriptor: it stays the file's when the name changes.
 function publications(leaf, other, place) {
   place.candidate ??= fs.openSync(place.at(...leaf), 'r');
   return [
@@ -42,8 +47,8 @@ function publications(leaf, other, place) {
   ];
 }
 
-// Operation, what is at a leaf, the calls on it. `other` stands beside it; what is moved there is
-// moved back.
+// Operation, content of the leaf, calls. `other` is a second name in the leaf's directory. A file that
+// is moved to it is moved back.
 const REPEATED = [
   ['openRoot', {}, (leaf, _, place) => [[place.at(...leaf)]]],
   ['openRelative', {}, (leaf) => [[leaf]]],
@@ -85,24 +90,19 @@ function small([name, content, calls], level, medium) {
     ...{ operation, kind: 'small', level, medium, once },
     floor: name === 'remove, a directory' ? operation : name,
     subjects: name === 'write' ? [...ALL, 'write-file-atomic'] : ALL,
-    layout: beneath(directories, Object.fromEntries(entries)),
+    layout: () => beneath(directories, Object.fromEntries(entries)),
     calls: (place) =>
       once ? paths.map((leaf) => calls(leaf, other)) : calls(paths[0], other, place),
   };
 }
 
+// One call on an entry named `leaf`. `content` is a function, since it may take much memory.
 function onLeaf(name, content, more) {
   const operation = name.split(' ')[0];
   const calls = () => [operation === 'capture' ? [[['leaf']]] : [['leaf']]];
   const fixed = { name, operation, floor: operation, calls, level: 1, medium: 'memory' };
-  return {
-    ...fixed,
-    kind: 'bulk',
-    shared: true,
-    subjects: ALL,
-    layout: { leaf: content },
-    ...more,
-  };
+  const layout = () => ({ leaf: content() });
+  return { ...fixed, kind: 'bulk', shared: true, subjects: ALL, layout, ...more };
 }
 
 const counted = (number) => number.toLocaleString('en');
@@ -110,11 +110,20 @@ const counted = (number) => number.toLocaleString('en');
 function onTree(operation, files) {
   const subjects = files > 50_000 ? ALL.slice(0, 2) : ALL;
   const name = `${operation} of ${counted(files)} files of 1 KiB`;
-  const workload = onLeaf(name, tree(files, KIB), { kind: 'tree', files, subjects });
+  const content = () => tree(files, KIB);
+  const workload = onLeaf(name, content, { kind: 'tree', files, subjects });
   if (operation !== 'capture' || files < 200_000) return workload;
-  const layout = { ...workload.layout, small: tree(1000, KIB) };
+  const layout = () => ({ ...workload.layout(), small: tree(1000, KIB) });
   return { ...workload, layout, subjects: [...subjects, PER_FILE] };
 }
+
+const onFile = (size, bytes) =>
+  onLeaf(`read of ${size}`, () => filled(bytes), { kind: bytes < 16 * KIB ? 'one file' : 'bulk' });
+
+const peakMemory = (operation, size, payload, content) => ({
+  ...{ name: `peak memory of ${operation} of ${size}`, operation, kind: 'memory', payload },
+  ...{ medium: 'memory', layout: () => ({ leaf: content() }) },
+});
 
 function workloads(quick) {
   const onDisk = ([name]) => ['write', 'create', 'append', 'move'].includes(name);
@@ -125,17 +134,23 @@ function workloads(quick) {
     ...[1, 6].flatMap((level) =>
       inMemory.filter(onDisk).map((workload) => small(workload, level, 'disk')),
     ),
-    onLeaf('read of 4 KiB', Buffer.alloc(4096, 'r'), { kind: 'one file' }),
-    onLeaf('read of 1 MiB', MIB, {}),
-    onLeaf('read of 64 MiB', Buffer.alloc(64 * 1024 ** 2, 'r'), {}),
+    onFile('4 KiB', 4 * KIB),
+    onFile('64 KiB', 64 * KIB),
+    ...[1, 8, 64].map((size) => onFile(`${size} MiB`, size * MIB)),
     ...[1000, 20_000].map((names) =>
-      onLeaf(`list of ${counted(names)} names`, numbered(names, 'name-', ''), { kind: 'names' }),
+      onLeaf(`list of ${counted(names)} names`, () => numbered(names, 'name-', ''), {
+        kind: 'names',
+      }),
     ),
     ...['capture', 'snapshot'].flatMap((operation) => [
       ...trees.map((files) => onTree(operation, files)),
-      onLeaf(`${operation} of 200 files of 1 MiB`, tree(200, MIB), {}),
+      onLeaf(`${operation} of 1,000 files of 64 KiB`, () => tree(1000, 64 * KIB)),
+      onLeaf(`${operation} of 200 files of 1 MiB`, () => tree(200, MIB)),
     ]),
+    peakMemory('read', '256 MiB', 256 * MIB, () => filled(256 * MIB)),
+    peakMemory('capture', '1 GiB', 1024 * MIB, () => tree(1024, MIB)),
+    peakMemory('snapshot', '1 GiB', 1024 * MIB, () => tree(1024, MIB)),
   ];
 }
 
-module.exports = { workloads, onTree, tree, MIB, PER_FILE };
+module.exports = { workloads, onTree, PER_FILE };
