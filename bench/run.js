@@ -1,10 +1,11 @@
 'use strict';
 
-// npm run bench [-- --quick] [--only PATTERN] [--against MODULE]
+// npm run bench [-- --quick] [--only PATTERN] [--against MODULE] [--chart]
 //
 // Compares the module's times with those of other ways, and its targets with the results. `--quick`
 // is less exact, `--only` measures the workloads whose names match a regular expression, `--against`
 // adds another build of the module as a subject. Writes build/bench/results.json and results.md.
+// `--chart` draws docs/performance.svg from the results of a full run.
 //
 // A missed target is only reported: another program on the machine can cause it.
 
@@ -13,6 +14,7 @@ const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const { parseArgs, promisify } = require('node:util');
+const { drawChart } = require('./chart.js');
 const { median } = require('./measure.js');
 const { judgeAll, resultTable, targetTable } = require('./report.js');
 const { buildDirectory, buildFloor, writeTree } = require('./runners.js');
@@ -20,11 +22,12 @@ const { workloads } = require('./workloads.js');
 
 const TMPFS = 0x01021994;
 
-const { quick, only, against } = parseArgs({
+const { quick, only, against, chart } = parseArgs({
   options: {
     quick: { type: 'boolean', default: false },
     only: { type: 'string', default: '' },
     against: { type: 'string' },
+    chart: { type: 'boolean', default: false },
   },
 }).values;
 
@@ -115,11 +118,13 @@ function report({ results, skipped }, place) {
 }
 
 async function main() {
+  if (chart && (quick || only)) throw new Error('--chart needs a full run');
   buildFloor();
   const chosen = workloads(quick).filter(({ name }) => new RegExp(only).test(name));
   const place = places();
   const outcome = await runAll(chosen, place);
   report(outcome, place);
+  if (chart) drawChart();
 }
 
 // Ends through `exit`, so that the temporary directories are removed.
