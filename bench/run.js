@@ -31,10 +31,13 @@ const { quick, only, against, chart } = parseArgs({
   },
 }).values;
 
-const runNode = async (script, ...args) => {
+const stop = new AbortController();
+
+async function runNode(script, ...args) {
   const command = [path.join(__dirname, script), ...args];
-  return JSON.parse((await promisify(execFile)(process.execPath, command)).stdout);
-};
+  const { signal } = stop;
+  return JSON.parse((await promisify(execFile)(process.execPath, command, { signal })).stdout);
+}
 
 const isTmpfs = (at) => fs.existsSync(at) && fs.statfsSync(at).type === TMPFS;
 const sizeOf = (content) =>
@@ -118,7 +121,6 @@ function report({ results, skipped }, place) {
 }
 
 async function main() {
-  if (chart && (quick || only)) throw new Error('--chart needs a full run');
   buildFloor();
   const chosen = workloads(quick).filter(({ name }) => new RegExp(only).test(name));
   const place = places();
@@ -127,6 +129,13 @@ async function main() {
   if (chart) drawChart();
 }
 
-// Ends through `exit`, so that the temporary directories are removed.
-process.once('SIGINT', () => process.exit(130));
+process.once('SIGINT', () => {
+  stop.abort();
+  // Removes the temporary directories too.
+  process.exit(130);
+});
+if (chart && (quick || only)) {
+  console.error('--chart needs a full run: without --quick and --only');
+  process.exit(1);
+}
 main();
