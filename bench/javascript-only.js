@@ -1,9 +1,8 @@
 'use strict';
 
 // The same guarantees in JavaScript alone. node:fs cannot open a name relative to a descriptor, but
-// /proc/self/fd/N/name is a path that does: it leads through the open directory, whatever became of
-// the directory's own path. A handle is the root's descriptor; checks, flushes and their order are
-// the module's.
+// the path /proc/self/fd/N/name does: it leads through the open directory, even if the directory has
+// moved. A handle is the root's descriptor. The checks and the flushes are those of the module.
 
 const fs = require('node:fs');
 const { randomBytes } = require('node:crypto');
@@ -65,7 +64,7 @@ function openDirectory(directory, name, create) {
   }
 }
 
-// Opens a directory by name, and looks at the name again.
+// Opens a directory by name, then checks that the name still is that directory's.
 const inside = (directory, name, create, act) =>
   using(openDirectory(directory, name, create), (opened) => {
     const stat = fs.fstatSync(opened, BIG);
@@ -82,7 +81,7 @@ function chainHolds(directory, chain, depth = 0) {
   return using(openDirectory(directory, name), (next) => chainHolds(next, chain, depth + 1));
 }
 
-// Walks down to the leaf's directory, proves the way once more, and acts there.
+// Walks down to the leaf's parent, checks every directory on the way again, and acts there.
 function toLeaf(root, names, create, act) {
   const chain = [];
   const prove = () => demand(chainHolds(root, chain));
@@ -100,7 +99,7 @@ function toLeaf(root, names, create, act) {
   return descend(root);
 }
 
-// For what changes the leaf's directory: flushes it afterwards, unless there was nothing to do.
+// For operations that change the leaf's parent: flushes it afterwards, unless `act` returns false.
 const change = (root, names, create, act) =>
   toLeaf(root, names, create, (leaf, parent, prove) => {
     if (act(leaf, parent, prove) !== false) fs.fsyncSync(parent);

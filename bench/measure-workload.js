@@ -19,12 +19,11 @@ if (against) {
   names.push('other build');
 }
 
-// A short turn is less likely to be interrupted. What takes much memory needs turns that use the
-// memory more than once.
+// Short turns, since a turn is then less likely to be interrupted, and there are more of them. Large
+// data vary more, because malloc returns warm pages at one time and new ones at another.
 const isShort = ['small', 'one file', 'names'].includes(workload.kind);
 const effort = {
-  seconds: quick ? 0.15 : 4,
-  milliseconds: (isShort ? 3 : 20) / (quick ? 2 : 1),
+  ...(quick ? { seconds: 0.15, milliseconds: 2 } : { seconds: isShort ? 4 : 8, milliseconds: 4 }),
   warmUp: isShort ? 20 : 1,
   collectBefore: !isShort,
 };

@@ -1,8 +1,8 @@
 'use strict';
 
-// The operations as one would write them with node:fs, without any of the guarantees: a path is a
-// string, links are followed, and what another process does in between is not noticed. Only
-// `write` is atomic and flushed, since nobody would compare it with a bare writeFileSync.
+// The operations as a program usually writes them with node:fs, without the guarantees: a path is a
+// string, symlinks are followed, and changes by other processes go unnoticed. `write` alone is atomic
+// and flushed, because a bare writeFileSync does not do the same work.
 
 const fs = require('node:fs');
 const path = require('node:path');
