@@ -6,6 +6,9 @@
 // calls ::fstat and ::fstatat and uses std::vector in the ordinary way. scripts/check-symbols.js
 // fails when another symbol rises above the floor.
 //
+// The first two are known for the processors that binaries are packed for, x86-64 and arm64. On any
+// other processor the module needs the libraries that it was built with.
+//
 // Sanitizer builds leave this file out: they are never shipped, and their runtime must see the
 // calls.
 
@@ -13,32 +16,42 @@
 
 #include <new>
 
-#if defined(__GLIBC__)
+// Until 2.33 glibc exported only these in place of fstat and fstatat, and it has kept them. Its headers
+// no longer name them, nor the number of the layout of `struct stat` that they take first.
+#if defined(__GLIBC__) && defined(__LP64__)
 #if __GLIBC_PREREQ(2, 33)
+#if defined(__x86_64__)
+#define TARVEK_OLD_FSTAT "__fxstat@GLIBC_2.2.5"
+#define TARVEK_OLD_FSTATAT "__fxstatat@GLIBC_2.4"
+#define TARVEK_STAT_LAYOUT 1
+#elif defined(__aarch64__)
+#define TARVEK_OLD_FSTAT "__fxstat@GLIBC_2.17"
+#define TARVEK_OLD_FSTATAT "__fxstatat@GLIBC_2.17"
+#define TARVEK_STAT_LAYOUT 0
+#endif
+#endif
+#endif
+
+#if defined(TARVEK_STAT_LAYOUT)
 
 extern "C" {
 
-// glibc exported only these until 2.33 and has kept them. Its headers no longer name them, nor the
-// number of the x86-64 layout of `struct stat` that they take first.
 int OldFstat(int layout, int fd, struct stat* buf) noexcept;
 int OldFstatat(int layout, int fd, const char* file, struct stat* buf, int flag) noexcept;
-asm(".symver OldFstat, __fxstat@GLIBC_2.2.5");
-asm(".symver OldFstatat, __fxstatat@GLIBC_2.4");
-
-constexpr int kStatLayout = 1;
+asm(".symver OldFstat, " TARVEK_OLD_FSTAT);
+asm(".symver OldFstatat, " TARVEK_OLD_FSTATAT);
 
 __attribute__((visibility("hidden"))) int fstat(int fd, struct stat* buf) noexcept {
-  return OldFstat(kStatLayout, fd, buf);
+  return OldFstat(TARVEK_STAT_LAYOUT, fd, buf);
 }
 
 __attribute__((visibility("hidden"))) int fstatat(int fd, const char* file, struct stat* buf,
                                                   int flag) noexcept {
-  return OldFstatat(kStatLayout, fd, file, buf, flag);
+  return OldFstatat(TARVEK_STAT_LAYOUT, fd, file, buf, flag);
 }
 
 }  // extern "C"
 
-#endif
 #endif
 
 #if defined(__GLIBCXX__)
@@ -46,8 +59,7 @@ __attribute__((visibility("hidden"))) int fstatat(int fd, const char* file, stru
 namespace std {
 
 // Called by new[] and by the standard containers for a length that no memory can hold. The library
-// exports it since GCC 11 only (GLIBCXX_3.4.29). No list that one
-// call builds comes near that limit.
+// exports it since GCC 11 only (GLIBCXX_3.4.29). No list that one call builds comes near that limit.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
 __attribute__((visibility("hidden"))) void __throw_bad_array_new_length() {
   throw bad_array_new_length();

@@ -7,11 +7,11 @@ const { execFileSync } = require('node:child_process');
 const path = require('node:path');
 const { symbols } = require('node-api-headers');
 
-// The newest of each that the official Node 20 and 18.17 binaries for Linux x64 need themselves
-// (`readelf --version-info`), so that no system which runs them can lack one.
+// The newest of each that all of the official Node 20 and 18.17 binaries for Linux on x64 and arm64
+// need themselves (`readelf --version-info`), so that no system which runs one can lack it.
 const FLOOR = { GLIBC: '2.28', GLIBCXX: '3.4.21', CXXABI: '1.3.9', GCC: '3.4' };
 const ENTRIES = ['napi_register_module_v1', 'node_api_module_get_api_version_v1'];
-const LIBRARIES = /^(libc|libstdc\+\+|libm|libgcc_s|ld-linux-x86-64)\.so\.\d+$/;
+const LIBRARIES = /^(libc|libstdc\+\+|libm|libgcc_s|ld-linux-(x86-64|aarch64))\.so\.\d+$/;
 // Optional hooks of the tool chain, which may stay unresolved.
 const TOOLCHAIN = /^(_ITM_(de)?registerTMCloneTable|__gmon_start__)$/;
 const NODE_API = new Set(Object.values(symbols.v9).flat());

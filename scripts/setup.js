@@ -30,18 +30,34 @@ function requireTool(tool) {
   fail(`${tool} is needed and was not found; on Debian: apt-get install ${tool}`);
 }
 
-function requireBuildTools() {
+// Debian calls the package of a cross compiler after the processor, and that of its own g++ alone.
+function debianPackage(compiler) {
+  const [, processor] = /^(\w+)-linux-gnu-g\+\+$/.exec(compiler) ?? [];
+  const own = { x64: 'x86_64', arm64: 'aarch64' }[process.arch];
+  if (!processor || processor === own) return 'g++';
+  return `g++-${processor.replace('_', '-')}-linux-gnu`;
+}
+
+// The compiler that a preset names, else the one that CMake takes: CXX, which may come with arguments,
+// else the first that is there, even when another is newer.
+function requireCompiler(named) {
+  const chosen = named ?? process.env.CXX;
+  const commands = chosen ? [chosen] : ['c++', 'g++', 'clang++'];
+  const words = commands.map((command) => (existsSync(command) ? [command] : command.split(' ')));
+  const found = words.find(([command]) => output(command, ['--version']) !== undefined);
+  const check = ['-std=c++20', '-fsyntax-only', '-x', 'c++', '-'];
+  const [command, ...args] = found ?? [];
+  if (found && output(command, [...args, ...check], '#include <compare>\n') !== undefined) return;
+  const what = named ?? 'a C++20 compiler';
+  fail(`${what} is needed and was not found; on Debian: apt-get install ${debianPackage(named)}`);
+}
+
+function requireBuildTools(presets) {
   const version = /version (\d+)\.(\d+)/.exec(output('cmake', ['--version']) ?? '');
   if (!version || Number(version[1]) * 100 + Number(version[2]) < 322) {
     fail('cmake 3.22 or newer is needed and was not found; on Debian: apt-get install cmake');
   }
-  // The first that is there is the one CMake takes, even when another is newer.
-  const compilers = process.env.CXX ? [process.env.CXX.split(' ')[0]] : ['c++', 'g++', 'clang++'];
-  const compiler = compilers.find((name) => output(name, ['--version']) !== undefined);
-  const check = ['-std=c++20', '-fsyntax-only', '-x', 'c++', '-'];
-  if (!compiler || output(compiler, check, '#include <compare>\n') === undefined) {
-    fail('a C++20 compiler is needed and was not found; on Debian: apt-get install g++');
-  }
+  for (const { cacheVariables } of presets) requireCompiler(cacheVariables.CMAKE_CXX_COMPILER);
   if (!process.env.CMAKE_GENERATOR) requireTool('make');
 }
 
@@ -66,13 +82,14 @@ function build({ name, binaryDir }) {
   const module = `${binaryDir}/tarvek.node`;
   if (!existsSync(path.join(root, module))) console.error(`tarvek: building ${module}`);
   quietly('cmake', ['--preset', name]);
-  quietly('cmake', ['--build', '--preset', name, '--parallel', String(availableParallelism())]);
+  const jobs = process.env.CMAKE_BUILD_PARALLEL_LEVEL ?? String(availableParallelism());
+  quietly('cmake', ['--build', '--preset', name, '--parallel', jobs]);
 }
 
 const names = process.argv.slice(2);
 const presets = configurePresets.filter(({ name }) => names.includes(name));
 const tools = names.filter((name) => !presets.some((preset) => preset.name === name));
 for (const tool of tools) requireTool(tool);
-if (presets.length > 0) requireBuildTools();
+if (presets.length > 0) requireBuildTools(presets);
 installPackages();
 for (const preset of presets) build(preset);
