@@ -16,8 +16,8 @@
 
 #include <new>
 
-// Until 2.33 glibc exported only these in place of fstat and fstatat, and it has kept them. Its headers
-// no longer name them, nor the number of the layout of `struct stat` that they take first.
+// Until 2.33 glibc exported only these in place of fstat and fstatat, and it has kept them. Its
+// headers no longer name them, nor the number of the layout of `struct stat` that they take first.
 #if defined(__GLIBC__) && defined(__LP64__)
 #if __GLIBC_PREREQ(2, 33)
 #if defined(__x86_64__)
@@ -59,7 +59,7 @@ __attribute__((visibility("hidden"))) int fstatat(int fd, const char* file, stru
 namespace std {
 
 // Called by new[] and by the standard containers for a length that no memory can hold. The library
-// exports it since GCC 11 only (GLIBCXX_3.4.29). No list that one call builds comes near that limit.
+// exports it since GCC 11 only (GLIBCXX_3.4.29). No list that one call builds comes near it.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
 __attribute__((visibility("hidden"))) void __throw_bad_array_new_length() {
   throw bad_array_new_length();
