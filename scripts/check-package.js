@@ -11,6 +11,7 @@ const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
+const runOnArm64 = require('./check-package/arm64.js');
 
 const root = path.join(__dirname, '..');
 const probes = path.join(__dirname, 'check-package');
@@ -28,6 +29,7 @@ const CONTENTS = [
   /^ops\/\w+\.cc$/,
   /^examples\/[\w-]+\.js$/,
   /^prebuilds\/linux-x64\/tarvek\.node$/,
+  /^prebuilds\/linux-arm64\/tarvek\.node$/,
 ];
 
 // The oldest versions of 18 and 20 that the package is for, and the newest of the others.
@@ -72,7 +74,8 @@ function installTools() {
   for (const name of ['package.json', 'package-lock.json']) {
     fs.copyFileSync(path.join(probes, 'tools', name), path.join(tools, name));
   }
-  npm(['ci', '--ignore-scripts', '--no-audit', '--no-fund'], { cwd: tools });
+  // Forced, since one of the tools is for another processor.
+  npm(['ci', '--ignore-scripts', '--force', '--no-audit', '--no-fund'], { cwd: tools });
   fs.copyFileSync(wanted, installed);
 }
 
@@ -193,6 +196,8 @@ function main() {
     step('npm ci', () => install(folder, tarball));
     compileTypes(folder);
     runEverywhere(folder);
+    const arm64 = tool('@runtime/node-20-arm64/bin/node');
+    step('node-20, arm64, emulated', () => runOnArm64(arm64, folder, PROGRAMS));
     step('rebuilt from the package', () => rebuild(folder));
   } finally {
     fs.rmSync(folder, { recursive: true });
