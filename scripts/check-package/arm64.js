@@ -14,14 +14,21 @@ const LOADER = path.join(CROSS, 'ld-linux-aarch64.so.1');
 const EMULATOR = ['qemu-aarch64-static', LOADER, '--library-path', CROSS];
 const MISSING = `${EMULATOR[0]} was not found; on Debian: apt-get install qemu-user-static`;
 
-// The files run in the folder into which the package was installed, and so do its tables of hostile
-// files: flags, system calls and the layout of `struct stat` differ from those of x86-64.
-module.exports = function runOnArm64(node, folder, files) {
-  const hostile = path.join(__dirname, '../../test/hostile.test.js');
+const PROGRAMS = [
+  'commonjs.cjs',
+  'esm.mjs',
+  'workers.cjs',
+  'node_modules/tarvek/examples/tour.js',
+  // Flags of open and the layout of `struct stat` differ from those of x86-64.
+  path.join(__dirname, '../../test/hostile.test.js'),
+];
+
+// Runs the programs in the folder into which the package was installed.
+module.exports = function runOnArm64(node, folder) {
   const binary = path.join(folder, 'node_modules/tarvek/prebuilds/linux-arm64/tarvek.node');
   const env = { ...process.env, HOME: folder, TMPDIR: folder, TARVEK_MODULE: binary };
   const [command, ...args] = [...EMULATOR, node];
-  for (const file of [...files, hostile]) {
+  for (const file of PROGRAMS) {
     const ran = spawnSync(command, [...args, file], { cwd: folder, env, encoding: 'utf8' });
     if (ran.error?.code === 'ENOENT') assert.fail(MISSING);
     assert.equal(ran.status, 0, `${file} on arm64: ${ran.error ?? ''}${ran.stdout}${ran.stderr}`);
