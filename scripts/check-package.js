@@ -23,7 +23,7 @@ const CONTENTS = [
   /^(CMakeLists\.txt|CMakePresets\.json|package\.json|LICENSE)$/,
   /^(README|CHANGELOG|CONTRIBUTING|SECURITY)\.md$/,
   /^docs\/\w+\.md$/,
-  /^index\.(js|mjs|d\.ts|d\.mts)$/,
+  /^index\.(js|d\.ts)$/,
   /^addon\/(\w+\.(cc|h)|exports\.map)$/,
   /^(confine|tree)\/\w+\.(cc|h)$/,
   /^ops\/\w+\.cc$/,

@@ -4,30 +4,42 @@ const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const path = require('node:path');
 const test = require('node:test');
+const { inspect } = require('node:util');
 const tarvek = require('tarvek');
 const { codes } = require('./support/harness.js');
 const { scenarios } = require('./support/scenarios.js');
-const built = require('./support/tarvek.js');
 
 const EXPORTS =
   `open openRoot openRelative close rootIdentity exists list capture snapshot read write
   create append ensureDirectory ensureRelativeSymlink remove removeIfEquals move publishVerified
   setTestHook exchangeForTest`.split(/\s+/);
 
-test('the module has just its functions, in order, which nobody can replace or enumerate', () => {
-  const properties = Object.getOwnPropertyDescriptors(built);
+const native = require(process.env.TARVEK_MODULE || '../build/Release/tarvek.node');
+
+test('the native module has just its functions, in order, which nobody can replace or enumerate', () => {
+  const properties = Object.getOwnPropertyDescriptors(native);
   assert.deepEqual(Reflect.ownKeys(properties), EXPORTS);
   for (const [name, { value, ...flags }] of Object.entries(properties)) {
     assert.equal(typeof value, 'function', name);
     assert.deepEqual(flags, { writable: false, enumerable: false, configurable: false }, name);
   }
-  assert.notEqual(built.open, built.openRoot);
+  assert.notEqual(native.open, native.openRoot);
+});
+
+test('require gives a plain object of them, which a console shows and a test can mock', (t) => {
+  assert.deepEqual(Object.keys(tarvek), EXPORTS);
+  assert.equal(inspect(tarvek).match(/\[Function/g).length, EXPORTS.length);
+  for (const name of EXPORTS) {
+    const mocked = t.mock.method(tarvek, name, () => name);
+    assert.equal(tarvek[name](), name);
+    mocked.mock.restore();
+  }
 });
 
 test('import gives what require gives, by name and as the default', async () => {
-  const { default: all, ...named } = await import('tarvek');
-  assert.equal(all, tarvek);
-  assert.deepEqual(named, Object.fromEntries(EXPORTS.map((name) => [name, tarvek[name]])));
+  const imported = await import('tarvek');
+  assert.equal(imported.default, tarvek);
+  for (const name of EXPORTS) assert.equal(imported[name], tarvek[name], name);
 });
 
 test('the types declare every function, with a comment, and every point, stage and code', () => {

@@ -1,4 +1,0 @@
-import tarvek from './index.js';
-
-export * from './index.js';
-export default tarvek;
