@@ -1,3 +1,5 @@
+// The types of Node.js where they are installed; without them a Buffer counts as a Uint8Array.
+// @ts-ignore
 /// <reference types="node" />
 
 /**
@@ -17,9 +19,16 @@
  * they are: what a test hook or a stage callback threw, what a getter on an argument threw, and the
  * runtime's own `ERR_BUFFER_TOO_LARGE` for a file larger than a Buffer can be. "Durable" means flushed
  * to the disk with `fsync` by the time the function returns.
+ *
+ * Bytes are passed as a `Uint8Array`, which every Buffer is, and are returned as a Buffer. The bytes of
+ * other typed arrays are accepted too.
  */
 
 declare const brand: unique symbol;
+
+type Buffer = typeof globalThis extends { Buffer: { alloc(size: number): infer B } }
+  ? B
+  : Uint8Array;
 
 /**
  * An open directory, from {@link openRoot} or {@link openRelative}. Opaque: it has no properties,
@@ -313,13 +322,13 @@ export function read(handle: RootHandle, segments: Segments): Buffer;
  *   replaced meanwhile.
  * @throws `NOT_FOUND` The directory or the temporary file vanished meanwhile.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush; or `body` is
- *   no Buffer or changed its memory meanwhile, or `stage` is no function. The target keeps its old
+ *   no Uint8Array or changed its memory meanwhile, or `stage` is no function. The target keeps its old
  *   content, unless it was the flush of the directory, the last step, that failed.
  */
 export function write(
   handle: RootHandle,
   segments: Segments,
-  body: Buffer,
+  body: Uint8Array,
   ...stage: [] | [stage: StageCallback]
 ): void;
 
@@ -338,12 +347,12 @@ export function write(
  *   meanwhile.
  * @throws `NOT_FOUND` The directory vanished meanwhile.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush; or `body` is
- *   no Buffer or changed its memory meanwhile, or `stage` is no function.
+ *   no Uint8Array or changed its memory meanwhile, or `stage` is no function.
  */
 export function create(
   handle: RootHandle,
   segments: Segments,
-  body: Buffer,
+  body: Uint8Array,
   ...stage: [] | [stage: StageCallback]
 ): void;
 
@@ -353,6 +362,8 @@ export function create(
  * before the umask. Others may append meanwhile: a file that is longer than stated is accepted.
  *
  * Durable: the bytes, the name, and every directory made.
+ *
+ * Both sizes are taken as whole numbers: a fraction is cut off, and `NaN` and infinity count as 0.
  *
  * @param expectedSize Bytes, not below `minimumSize`: the file must be at least this long.
  * @param minimumSize Bytes, not negative: the file must be at least this long, too.
@@ -370,7 +381,7 @@ export function append(
   segments: Segments,
   expectedSize: number,
   minimumSize: number,
-  body: Buffer,
+  body: Uint8Array,
 ): void;
 
 /**
@@ -441,7 +452,7 @@ export function remove(handle: RootHandle, segments: Segments): void;
  * @throws `FILESYSTEM_FAILURE` Any argument is bad, a closed handle included, or `expected` changed
  *   its memory meanwhile; or the system refused: permission, a failed flush.
  */
-export function removeIfEquals(handle: RootHandle, segments: Segments, expected: Buffer): void;
+export function removeIfEquals(handle: RootHandle, segments: Segments, expected: Uint8Array): void;
 
 /**
  * Renames a file or a directory within a root. Missing directories on the way to the new place are
@@ -470,7 +481,8 @@ export function move(handle: RootHandle, from: Segments, to: Segments): void;
  * the caller flushes or makes with {@link create} or {@link write}.
  *
  * @param candidateFd A descriptor opened read-only on the candidate. Borrowed: it stays open, and
- *   its position is not moved.
+ *   its position is not moved. Taken as a 32-bit integer: a fraction is cut off, larger numbers wrap
+ *   around, and `NaN` and infinity count as 0.
  * @param candidate Names the file.
  * @param destination Its final name.
  * @param expected The whole content; read during the call only.
@@ -490,7 +502,7 @@ export function publishVerified(
   candidateFd: number,
   candidate: Segments,
   destination: Segments,
-  expected: Buffer,
+  expected: Uint8Array,
 ): void;
 
 /**

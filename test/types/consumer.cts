@@ -7,7 +7,8 @@ import { read as readByName } from 'tarvek';
 
 const root: types.RootHandle = tarvek.openRoot('/srv/data');
 const path = ['reports', 'today.json'] as const;
-const body: Buffer = tarvek.read(tarvek.openRelative(root, ['reports']), path);
+const body: Uint8Array = new Uint8Array(2);
+const read: Buffer = tarvek.read(tarvek.openRelative(root, ['reports']), path);
 const names: string[] = tarvek.list(root, ['reports']);
 const there: boolean =
   tarvek.exists(root, names) || tarvek.ensureRelativeSymlink(root, ['l'], path);
@@ -16,8 +17,10 @@ const same: typeof tarvek.read = readByName;
 tarvek.create(root, path, body);
 tarvek.write(root, path, body, (stage) => stage === 'after-temp-write' && there && dev === ino);
 tarvek.append(root, path, 8, 4, same(root, path));
+tarvek.append(root, path, 8, 4, body);
 tarvek.ensureDirectory(root, ['reports']);
 tarvek.move(root, path, ['reports', 'yesterday.json']);
+tarvek.removeIfEquals(root, path, read);
 tarvek.removeIfEquals(root, path, body);
 tarvek.publishVerified(root, 3, ['candidate'], path, body);
 tarvek.exchangeForTest(root, 'a', 'b');
@@ -38,7 +41,7 @@ tarvek.read(root, 'reports/today.json');
 tarvek.read({}, path);
 // @ts-expect-error nor is a path a handle
 tarvek.close('/srv/data');
-// @ts-expect-error a body is a Buffer
+// @ts-expect-error bytes are no text
 tarvek.write(root, path, 'text');
 // @ts-expect-error the stage callback is left out or is a function
 tarvek.create(root, path, body, undefined);
