@@ -12,18 +12,22 @@ const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const runOnArm64 = require('./check-package/arm64.js');
+const { runBundled } = require('./check-package/bundlers.js');
+const { runCompiled } = require('./check-package/compilers.js');
+const { checkLoader } = require('./check-package/loader.js');
+const { runEverywhere } = require('./check-package/runtimes.js');
+const { tools, tool, nodeOf, run, step } = require('./check-package/support.js');
+const { compileTypes } = require('./check-package/types.js');
 
-const root = path.join(__dirname, '..');
-const probes = path.join(__dirname, 'check-package');
-const tools = path.join(root, 'build', 'check-package');
-const tool = (name) => path.join(tools, 'node_modules', name);
+const PINNED = path.join(__dirname, 'check-package', 'tools');
+const PROGRAMS = path.join(__dirname, 'check-package', 'programs');
 
 // All that belongs in the package; each line has to match something.
 const CONTENTS = [
   /^(CMakeLists\.txt|CMakePresets\.json|package\.json|LICENSE)$/,
   /^(README|CHANGELOG|CONTRIBUTING|SECURITY)\.md$/,
   /^docs\/\w+\.md$/,
-  /^index\.(js|d\.ts)$/,
+  /^(index\.js|index\.d\.ts|load\.js)$/,
   /^addon\/(\w+\.(cc|h)|exports\.map)$/,
   /^(confine|tree)\/\w+\.(cc|h)$/,
   /^ops\/\w+\.cc$/,
@@ -32,49 +36,19 @@ const CONTENTS = [
   /^prebuilds\/linux-arm64\/tarvek\.node$/,
 ];
 
-// The oldest versions of 18 and 20 that the package is for, and the newest of the others.
-const NODES = ['node-18', 'node-20', 'node-22', 'node-24', 'node-26'];
-const RUNTIMES = [
-  ...NODES.map((name) => ({ name, command: [`@runtime/${name}/bin/node`] })),
-  { name: 'bun', command: ['@runtime/bun/bin/bun'] },
-  { name: 'deno', command: ['@runtime/deno/deno', 'run', '--allow-all', '--no-lock'] },
-];
-const PROGRAMS = [
-  'commonjs.cjs',
-  'esm.mjs',
-  'workers.cjs',
-  'node_modules/tarvek/examples/tour.js',
-  'node_modules/tarvek/examples/journal.js',
-  'node_modules/tarvek/examples/release.js',
-];
-
-function run(command, args, options) {
-  const ran = spawnSync(command, args, { cwd: root, encoding: 'utf8', ...options });
-  if (ran.status === 0) return ran.stdout;
-  const line = [command, ...args].join(' ');
-  throw new Error(`failed: ${line}\n${ran.error ?? ''}${ran.stdout ?? ''}${ran.stderr ?? ''}`);
-}
-
-function step(what, body) {
-  const start = performance.now();
-  const result = body();
-  console.log(`ok  ${what}  ${((performance.now() - start) / 1000).toFixed(1)} s`);
-  return result;
-}
-
 const readJson = (file) => JSON.parse(fs.readFileSync(file, 'utf8'));
 const npm = (args, options) => run('npm', [...args, '--loglevel=error'], options);
 
 function installTools() {
-  const wanted = path.join(probes, 'tools', 'package-lock.json');
+  const wanted = path.join(PINNED, 'package-lock.json');
   const installed = path.join(tools, 'installed.json');
   if (fs.existsSync(installed) && fs.readFileSync(installed).equals(fs.readFileSync(wanted)))
     return;
   fs.mkdirSync(tools, { recursive: true });
   for (const name of ['package.json', 'package-lock.json']) {
-    fs.copyFileSync(path.join(probes, 'tools', name), path.join(tools, name));
+    fs.copyFileSync(path.join(PINNED, name), path.join(tools, name));
   }
-  // Forced, since one of the tools is for another processor.
+  // By force, since npm would refuse the arm64 runtime on this processor.
   npm(['ci', '--ignore-scripts', '--force', '--no-audit', '--no-fund'], { cwd: tools });
   fs.copyFileSync(wanted, installed);
 }
@@ -103,7 +77,7 @@ function checkContents(files) {
 
 // The linters need a newer Node than the package does.
 function lint(tarball) {
-  const node = tool('@runtime/node-24/bin/node');
+  const node = nodeOf('node-24');
   const found = run(node, [tool('publint/src/cli.js'), 'run', '--strict', tarball]);
   assert.match(found, /All good!/, found);
   const attw = tool('@arethetypeswrong/cli/dist/index.js');
@@ -126,53 +100,7 @@ function install(folder, tarball) {
     [],
     'scripts at install',
   );
-  for (const name of fs.readdirSync(probes)) {
-    if (name !== 'tools') fs.copyFileSync(path.join(probes, name), path.join(folder, name));
-  }
-}
-
-function compileTypes(folder) {
-  const consumers = ['consumer.cts', 'consumer.mts'];
-  for (const name of consumers) {
-    fs.copyFileSync(path.join(root, 'test', 'types', name), path.join(folder, name));
-  }
-  const options = ['--noEmit', '--strict', '--target', 'es2020', '--types', 'node'];
-  for (const age of ['oldest', 'newest']) {
-    const { version } = require(tool(`@${age}/typescript/package.json`));
-    step(`types, TypeScript ${version}`, () => {
-      const tsc = tool(`@${age}/typescript/bin/tsc`);
-      const roots = ['--module', 'node16', '--moduleResolution', 'node16', '--typeRoots'];
-      run(process.execPath, [tsc, ...options, ...roots, tool(`@${age}`), ...consumers], {
-        cwd: folder,
-      });
-    });
-  }
-}
-
-// The first example of the README in its two forms, as a reader copies them, and what they print.
-function copyReadme(folder) {
-  const readme = fs.readFileSync(path.join(folder, 'node_modules', 'tarvek', 'README.md'), 'utf8');
-  const [, section] = /^## A first file$(.*?)^## /ms.exec(readme) ?? assert.fail('no such section');
-  const blocks = [...section.matchAll(/^```\w+\n(.*?)^```$/gms)].map(([, text]) => text);
-  const [commonjs, esm, printed] = blocks;
-  fs.writeFileSync(path.join(folder, 'readme.cjs'), commonjs);
-  fs.writeFileSync(path.join(folder, 'readme.mjs'), esm);
-  return printed;
-}
-
-function runEverywhere(folder) {
-  const printed = copyReadme(folder);
-  for (const { name, command } of RUNTIMES) {
-    const { version } = require(tool(`@runtime/${name}/package.json`));
-    step(`${name}, ${version.replace('v', '')}`, () => {
-      const [program, ...args] = command;
-      // A runtime may keep a cache beneath its home, and a program that fails what it made.
-      const env = { ...process.env, HOME: folder, TMPDIR: folder };
-      const runFile = (file) => run(tool(program), [...args, file], { cwd: folder, env });
-      for (const file of PROGRAMS) runFile(file);
-      for (const file of ['readme.cjs', 'readme.mjs']) assert.equal(runFile(file), printed, file);
-    });
-  }
+  fs.cpSync(PROGRAMS, folder, { recursive: true });
 }
 
 // Without a binary the package says how to build one; that command must do.
@@ -186,19 +114,33 @@ function rebuild(folder) {
   run(process.execPath, ['commonjs.cjs'], { cwd: folder });
 }
 
-function main() {
+// jest.spyOn is this function of its mock library.
+function spy(folder) {
+  const { ModuleMocker } = require(tool('jest-mock'));
+  const tarvek = require(path.join(folder, 'node_modules', 'tarvek'));
+  const original = tarvek.open;
+  new ModuleMocker(globalThis).spyOn(tarvek, 'open').mockReturnValue('mocked');
+  assert.equal(tarvek.open(), 'mocked');
+  tarvek.open.mockRestore();
+  assert.equal(tarvek.open, original);
+}
+
+async function main() {
   const folder = fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-package-')));
   try {
-    step('tools', installTools);
-    const { tarball, files } = step('npm pack', () => pack(folder));
-    step(`contents, ${files.length} files`, () => checkContents(files));
-    step('publint, attw', () => lint(tarball));
-    step('npm ci', () => install(folder, tarball));
-    compileTypes(folder);
-    runEverywhere(folder);
-    const arm64 = tool('@runtime/node-20-arm64/bin/node');
-    step('node-20, arm64, emulated', () => runOnArm64(arm64, folder));
-    step('rebuilt from the package', () => rebuild(folder));
+    await step('tools', installTools);
+    const { tarball, files } = await step('npm pack', () => pack(folder));
+    await step(`contents, ${files.length} files`, () => checkContents(files));
+    await step('publint, attw', () => lint(tarball));
+    await step('npm ci', () => install(folder, tarball));
+    await compileTypes(folder);
+    await runEverywhere(folder);
+    await step('node-20, arm64, emulated', () => runOnArm64(nodeOf('node-20-arm64'), folder));
+    await step('spied on', () => spy(folder));
+    await runCompiled(folder);
+    await runBundled(folder);
+    await checkLoader(folder);
+    await step('rebuilt from the package', () => rebuild(folder));
   } finally {
     fs.rmSync(folder, { recursive: true });
   }

@@ -1,0 +1,109 @@
+'use strict';
+
+// Bundles a program, or traces its files, runs the result where no tarvek is installed, and sees what
+// a bundle without the binary says.
+
+const assert = require('node:assert/strict');
+const fs = require('node:fs');
+const path = require('node:path');
+const { bun, tool, run, runRefused, step } = require('./support.js');
+
+const SOURCE = 'namespace.ts';
+
+const esbuild = (options) =>
+  require(tool('esbuild')).build({ bundle: true, platform: 'node', ...options });
+
+// What a Rollup user writes or installs for native modules: the binary is copied beside the bundle, and
+// loaded when the program asks for it, since the one for another processor would not load.
+const copyBinaries = {
+  name: 'copy-binaries',
+  load(id) {
+    if (!id.endsWith('.node')) return null;
+    const fileName = `${path.basename(path.dirname(id))}.node`;
+    this.emitFile({ type: 'asset', fileName, source: fs.readFileSync(id) });
+    return `const { createRequire } = require('node:module');
+      module.exports = createRequire(import.meta.url)('./${fileName}');`;
+  },
+};
+
+async function rollup(folder, file, format) {
+  const { nodeResolve } = require(tool('@rollup/plugin-node-resolve'));
+  const commonjs = require(tool('@rollup/plugin-commonjs'));
+  const bundle = await require(tool('@rollup/wasm-node')).rollup({
+    input: path.join(folder, SOURCE),
+    plugins: [nodeResolve(), commonjs({ extensions: ['.js', '.node'] }), copyBinaries],
+  });
+  await bundle.write({ file, format });
+}
+
+// Each makes the program in the folder `out`, and returns its name.
+const BUNDLERS = {
+  esbuild: async (folder, out) => {
+    const options = { outfile: path.join(out, 'app.cjs'), loader: { '.node': 'copy' } };
+    await esbuild({ entryPoints: [path.join(folder, SOURCE)], ...options });
+    return 'app.cjs';
+  },
+  'Rollup, CommonJS': async (folder, out) => {
+    await rollup(folder, path.join(out, 'app.cjs'), 'cjs');
+    return 'app.cjs';
+  },
+  'Rollup, ES module': async (folder, out) => {
+    await rollup(folder, path.join(out, 'app.mjs'), 'es');
+    return 'app.mjs';
+  },
+  Bun: (folder, out) => {
+    const output = ['--outdir', out, '--entry-naming', 'app.mjs'];
+    run(bun, ['build', '--target=node', SOURCE, ...output], { cwd: folder });
+    return 'app.mjs';
+  },
+  'file tracer': async (folder, out) => {
+    const { nodeFileTrace } = require(tool('@vercel/nft'));
+    const { fileList } = await nodeFileTrace([path.join(folder, 'commonjs.cjs')], { base: folder });
+    for (const name of fileList) fs.cpSync(path.join(folder, name), path.join(out, name));
+    assert.ok(!fileList.has('node_modules/tarvek/CMakeLists.txt'), 'no more than is needed');
+    return 'commonjs.cjs';
+  },
+};
+
+// Without the binary there is nothing to compile in the folder of the bundle.
+async function refuseWithoutBinary(folder, out) {
+  const outfile = path.join(out, 'app.cjs');
+  const entryPoints = [path.join(folder, SOURCE)];
+  const options = { cwd: folder };
+  const refused = () => {
+    const message = runRefused(process.execPath, [outfile], options);
+    assert.match(message, /to do: {2}keep tarvek out of the bundle .*copy its folder prebuilds/);
+    assert.doesNotMatch(message, /cmake/);
+  };
+  await esbuild({ entryPoints, outfile, external: ['*.node'] });
+  refused();
+  fs.cpSync(path.join(folder, 'node_modules/tarvek/prebuilds'), path.join(out, 'prebuilds'), {
+    recursive: true,
+  });
+  run(process.execPath, [outfile], options);
+  // Here the bundle holds the binary's path in its place.
+  await esbuild({ entryPoints, outfile, loader: { '.node': 'file' } });
+  refused();
+}
+
+async function runBundled(folder) {
+  // Beside the folder, so that nothing is found in its node_modules.
+  const out = `${folder}-bundle`;
+  const clean = () => fs.rmSync(out, { recursive: true, force: true });
+  try {
+    for (const [name, bundle] of Object.entries(BUNDLERS)) {
+      fs.mkdirSync(out);
+      await step(`bundled, ${name}`, async () => {
+        const file = await bundle(folder, out);
+        run(process.execPath, [path.join(out, file)], { cwd: folder });
+      });
+      clean();
+    }
+    fs.mkdirSync(out);
+    await step('bundled without the binary', () => refuseWithoutBinary(folder, out));
+  } finally {
+    clean();
+  }
+}
+
+module.exports = { runBundled };

@@ -1,0 +1,71 @@
+'use strict';
+
+// What the package answers where it cannot be loaded: one message with what was found and what to do.
+
+const assert = require('node:assert/strict');
+const fs = require('node:fs');
+const path = require('node:path');
+const { nodeOf, deno, run, runRefused, step } = require('./support.js');
+
+const PROGRAM = 'commonjs.cjs';
+const node = (name, ...options) => [nodeOf(name), ...options, PROGRAM];
+const denoWith = (...options) => [deno, 'run', '--no-lock', '--no-prompt', ...options, PROGRAM];
+
+// Node.js that takes itself to be elsewhere.
+function pretend(property, value) {
+  const define = `Object.defineProperty(process, '${property}', { value: '${value}' })`;
+  return [process.execPath, '-e', `${define}; require('./${PROGRAM}')`];
+}
+
+const BUILD = /^ {2}to do: .* build it:\n +cmake -S \S+ -B \S+ && cmake --build \S+$/m;
+const ADDONS = /^ {2}to do: .* --allow-addons .* --no-addons$/m;
+
+// What happens, the command, what is found and what to do.
+const REFUSED = [
+  ['another platform', pretend('platform', 'darwin'), /darwin x64/, /to do: .* on Linux/],
+  ['another processor', pretend('arch', 'riscv64'), /linux riscv64/, BUILD],
+  ['musl', pretend('execPath', './musl'), /musl\n/, /`slim` image rather than `alpine`/],
+  ['no Node-API 9', node('node-20.2'), /Node\.js 20\.2\.0/, /to do: {2}update Node\.js/],
+  ['no addons', node('node-18', '--no-addons'), /may not load native/, ADDONS],
+  ...[
+    ['node-20', '--experimental-permission'],
+    ['node-22', '--permission'],
+    ['node-26', '--permission'],
+  ].map(([name, option]) => {
+    const command = node(name, option, '--allow-fs-read=*', '--allow-fs-write=*');
+    return [`permission model, ${name}`, command, /may not load native/, ADDONS];
+  }),
+  ['Deno without --allow-ffi', denoWith('--allow-read'), /ffi access/, /Deno with --allow-ffi/],
+];
+const LOADED = [
+  node('node-26', '--permission', '--allow-addons', '--allow-fs-read=*', '--allow-fs-write=*'),
+  denoWith('--allow-ffi', '--allow-read', '--allow-write', '--allow-env'),
+];
+
+// A build of one's own comes first, and one that does not load is not passed over.
+function checkLocalBuild(folder) {
+  const release = path.join(folder, 'node_modules/tarvek/build/Release');
+  fs.mkdirSync(release, { recursive: true });
+  fs.writeFileSync(path.join(release, 'tarvek.node'), 'no ELF file');
+  const message = runRefused(process.execPath, [PROGRAM], { cwd: folder });
+  assert.match(message, /build\/Release\/tarvek\.node/);
+  assert.match(message, BUILD);
+  fs.rmSync(path.dirname(release), { recursive: true });
+}
+
+async function checkLoader(folder) {
+  const options = { cwd: folder, env: { ...process.env, NO_COLOR: '1' } };
+  fs.writeFileSync(path.join(folder, 'musl'), '\x7fELF...\0/lib/ld-musl-x86_64.so.1\0');
+  for (const [what, [command, ...args], found, remedy] of REFUSED) {
+    await step(`refused, ${what}`, () => {
+      const message = runRefused(command, args, options);
+      for (const line of [/tarvek: /, /^ {2}found: /m, /^ {2}needed: /m, found, remedy])
+        assert.match(message, line);
+      if (remedy !== BUILD) assert.doesNotMatch(message, /cmake/);
+    });
+  }
+  for (const [command, ...args] of LOADED) run(command, args, options);
+  checkLocalBuild(folder);
+}
+
+module.exports = { checkLoader };
