@@ -93,10 +93,12 @@ function install(folder, tarball) {
 
   const lock = readJson(path.join(folder, 'package-lock.json'));
   assert.deepEqual(Object.keys(lock.packages), ['', 'node_modules/tarvek'], 'tarvek and no more');
-  const { scripts } = readJson(path.join(folder, 'node_modules', 'tarvek', 'package.json'));
+  const ours = readJson(path.join(folder, 'node_modules', 'tarvek', 'package.json'));
+  const platforms = [['linux'], ['x64', 'arm64'], ['glibc']];
+  assert.deepEqual([ours.os, ours.cpu, ours.libc], platforms, 'what npm refuses all else by');
   const atInstall = ['preinstall', 'install', 'postinstall', 'prepare'];
   assert.deepEqual(
-    atInstall.filter((name) => name in scripts),
+    atInstall.filter((name) => name in ours.scripts),
     [],
     'scripts at install',
   );

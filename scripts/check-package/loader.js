@@ -23,7 +23,7 @@ const ADDONS = /^ {2}to do: .* --allow-addons .* --no-addons$/m;
 // What happens, the command, what is found and what to do.
 const REFUSED = [
   ['another platform', pretend('platform', 'darwin'), /darwin x64/, /to do: .* on Linux/],
-  ['another processor', pretend('arch', 'riscv64'), /linux riscv64/, BUILD],
+  ['another processor', pretend('arch', 'riscv64'), /this processor\n.* riscv64/, BUILD],
   ['musl', pretend('execPath', './musl'), /musl\n/, /`slim` image rather than `alpine`/],
   ['no Node-API 9', node('node-20.2'), /Node\.js 20\.2\.0/, /to do: {2}update Node\.js/],
   ['no addons', node('node-18', '--no-addons'), /may not load native/, ADDONS],
