@@ -1,10 +1,10 @@
 'use strict';
 
-// Proves the package as its users get it: packs it, lints it, installs it from a lock file with
-// scripts off into an empty folder, and there compiles against its types, runs it in every runtime
-// it is for, and rebuilds it.
+// Checks the package as its users get it: packs it, lints it and installs it from a lock file, without
+// scripts, into an empty folder. There it is compiled against, run in every runtime, compiled to
+// CommonJS, bundled, refused where it cannot be loaded, and rebuilt. The parts are in check-package/.
 //
-// The tools, 1.2 GB of them with a lock file of their own, stay in build/check-package.
+// The tools, 1.4 GB with a lock file of their own, stay in build/check-package.
 
 const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
@@ -95,7 +95,7 @@ function install(folder, tarball) {
   assert.deepEqual(Object.keys(lock.packages), ['', 'node_modules/tarvek'], 'tarvek and no more');
   const ours = readJson(path.join(folder, 'node_modules', 'tarvek', 'package.json'));
   const platforms = [['linux'], ['x64', 'arm64'], ['glibc']];
-  assert.deepEqual([ours.os, ours.cpu, ours.libc], platforms, 'what npm refuses all else by');
+  assert.deepEqual([ours.os, ours.cpu, ours.libc], platforms, 'npm refuses other platforms');
   const atInstall = ['preinstall', 'install', 'postinstall', 'prepare'];
   assert.deepEqual(
     atInstall.filter((name) => name in ours.scripts),
