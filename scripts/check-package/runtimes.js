@@ -12,13 +12,17 @@ const RUNTIMES = [
   { name: 'bun', command: [bun] },
   { name: 'deno', command: [deno, 'run', '--allow-all', '--no-lock'] },
 ];
+const EXAMPLES = 'node_modules/tarvek/examples';
+// With their arguments.
 const PROGRAMS = [
-  'commonjs.cjs',
-  'esm.mjs',
-  'workers.cjs',
-  'node_modules/tarvek/examples/tour.js',
-  'node_modules/tarvek/examples/journal.js',
-  'node_modules/tarvek/examples/release.js',
+  ['commonjs.cjs'],
+  ['esm.mjs'],
+  ['workers.cjs'],
+  [`${EXAMPLES}/tour.js`],
+  [`${EXAMPLES}/journal.js`],
+  [`${EXAMPLES}/release.js`],
+  [`${EXAMPLES}/server.js`],
+  [`${EXAMPLES}/check.js`, EXAMPLES],
 ];
 
 // The first example of the README in its two forms, as a reader copies them, and what they print.
@@ -40,8 +44,8 @@ async function runEverywhere(folder) {
       const [program, ...args] = command;
       // A runtime may keep a cache beneath its home, and a program that fails what it made.
       const env = { ...process.env, HOME: folder, TMPDIR: folder };
-      const runFile = (file) => run(program, [...args, file], { cwd: folder, env });
-      for (const file of PROGRAMS) runFile(file);
+      const runFile = (...file) => run(program, [...args, ...file], { cwd: folder, env });
+      for (const words of PROGRAMS) runFile(...words);
       for (const file of ['readme.cjs', 'readme.mjs']) assert.equal(runFile(file), printed, file);
     });
   }
