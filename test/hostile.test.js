@@ -3,12 +3,13 @@
 // What each operation does, and what becomes of it when something else stands where it must not
 // act, or when its surroundings change at one of its points. The disk is compared whole.
 
+require('./support/memory.js');
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const path = require('node:path');
 const { isExternal } = require('node:util').types;
 const { OLD, lines, symlink, hardlink, fifo, socket, build } = require('./support/harness.js');
-const { place, assertTree, prepare, attempt, expectThrough } = require('./support/harness.js');
+const { assertTree, prepare, attempt, expectThrough } = require('./support/harness.js');
 const { expectCall, each } = require('./support/harness.js');
 const { scenarios } = require('./support/scenarios.js');
 const tarvek = require('./support/tarvek.js');
@@ -16,39 +17,34 @@ const tarvek = require('./support/tarvek.js');
 const rows = scenarios.map((scenario) => [scenario.name, scenario.before, scenario]);
 
 each('operations do what they should, also when the hook calls the module', rows, (ctx, row) => {
-  const fired = [];
   let within = false;
-  const hook = (event) => {
+  const hook = () => {
     if (within) return;
-    fired.push(JSON.stringify(event));
     within = true;
     tarvek.close(tarvek.openRoot(ctx.root));
     within = false;
   };
   row.check(expectCall('-', ctx, row.call, hook), ctx);
   assertTree(row.after);
-  const told = ([point, segment, index]) => JSON.stringify({ point, segment, index });
-  assert.deepEqual(fired, row.hooks.map(told), 'the points, in order');
 });
 
-// Every point of every scenario, and for each what else is to be tried there, by name; `run` is
-// given a maker of hooks that act at that point alone.
+// Every point of every scenario, once for each of what `variantsOf` returns, by name; `run` is given
+// a maker of hooks that act at that point alone.
 function atEveryPoint(title, variantsOf, run) {
-  const nth = (n) => (act) => {
-    let fired = 0;
-    return () => (fired++ === n ? act() : undefined);
+  const only = (point) => (act) => (event) => {
+    const isThere = Object.keys(event).every((key) => event[key] === point[key]);
+    return isThere ? act() : undefined;
   };
   const rows = scenarios.flatMap((scenario) =>
-    scenario.hooks.flatMap((event, n) =>
-      variantsOf(event, scenario).map(([how, ...rest]) => [
-        `${scenario.name}: ${how} at ${event}`,
-        ...[scenario.before, scenario, nth(n), ...rest],
+    scenario.hooks.flatMap((point) =>
+      variantsOf(point.notes, scenario).map(([how, ...rest]) => [
+        `${scenario.name}: ${how} at ${Object.values(point).slice(0, -1)}`,
+        ...[scenario.before, scenario, only(point), ...rest],
       ]),
     ),
   );
   each(title, rows, run);
 }
-const ONCE = () => [['once']];
 
 // Swaps are renames: a directory that is deleted and made again can come back with its old inode
 // number, and then nobody could tell that it was swapped. The decoys hold what the operation wants.
@@ -58,51 +54,40 @@ const SWAPS = {
   'by a link to itself': (directory, _, away) => fs.symlinkSync(away, directory),
   'by nothing': () => {},
 };
-// Behind the last look at the way.
-const SETTLED = /^(external|append|after-file-rename|after-directory)/;
-const above = (names) => names.slice(0, -1).map((_, i) => names.slice(0, i + 1));
-
-// The directories, as names beneath the root, whose swap at this point must be noticed.
-function watchedAt([point, segment, index], { paths }) {
-  const names = paths.find((one) => one[index] === segment) ?? paths[0];
-  const depth = point === 'root-ancestor-open' ? index + 1 - place.root.split('/').length : index;
-  if (SETTLED.test(point) || depth < 0) return [];
-  if (/^(root-ancestor|relative-directory|ancestor)-open$/.test(point)) {
-    return [names.slice(0, depth + 1)];
-  }
-  return point.startsWith('publish') ? paths.flatMap(above) : above(names);
-}
-const swapsAt = (event, scenario) =>
-  watchedAt(event, scenario).flatMap((names) =>
-    Object.entries(SWAPS).map(([how, swap]) => [`${names.join('/')} ${how}`, names, swap]),
+const swapsAt = (notes) =>
+  Object.entries(notes).flatMap(([name, expected]) =>
+    Object.entries(name.endsWith('/') ? SWAPS : {}).map(([how, swap]) => [
+      ...[`${name} ${how}`, name, swap, expected],
+    ]),
   );
 
-atEveryPoint('a directory on the way is swapped', swapsAt, (ctx, row, when, names, swap) => {
-  const [outside, away] = ['outside', 'away'].map((name) => path.join(ctx.base, name));
-  const decoy = path.join(outside, ...names);
-  build(outside, row.before);
-  fs.mkdirSync(decoy, { recursive: true });
-  const act = () => {
-    fs.renameSync(ctx.at(...names), away);
-    swap(ctx.at(...names), decoy, away);
-  };
-  expectCall('outside', ctx, row.call, when(act));
-});
+atEveryPoint(
+  'a directory on the way is swapped',
+  swapsAt,
+  (ctx, row, when, name, swap, expected) => {
+    const [outside, away] = ['outside', 'away'].map((folder) => path.join(ctx.base, folder));
+    const [directory, decoy] = [ctx.at(name), path.join(outside, name)].map((at) =>
+      at.slice(0, -1),
+    );
+    build(outside, row.before);
+    fs.mkdirSync(decoy, { recursive: true });
+    const act = () => {
+      fs.renameSync(directory, away);
+      swap(directory, decoy, away);
+    };
+    expectCall(expected, ctx, row.call, when(act));
+  },
+);
 
-atEveryPoint('a hook or a stage callback throws', ONCE, (ctx, { call }, when) =>
+const once = () => [['once']];
+atEveryPoint('a hook or a stage callback throws', once, (ctx, { call }, when) =>
   expectThrough((thrower) => attempt(ctx, call, when(thrower))),
 );
 
 // The walk or the last look at the chain notices that the root is gone. What was checked for the
 // last time before goes on with the descriptors that it holds.
-function closingAt([point, segment], { operation, paths, name }) {
-  const goesOn = point.startsWith('root-ancestor') || name.includes('an ancestor missing');
-  if (goesOn || SETTLED.test(point)) return [['closed', '-']];
-  const another = /^(move|publishVerified)$/.test(operation) && paths[0].includes(segment);
-  return [['closed', another && point === 'ancestor-open' ? 'storage' : 'outside']];
-}
-
-atEveryPoint('a hook closes the handle', closingAt, (ctx, { call, check }, when, expected) => {
+const closed = (notes) => [['closed', notes.close ?? '-']];
+atEveryPoint('a hook closes the handle', closed, (ctx, { call, check }, when, expected) => {
   const close = () => tarvek.close(ctx.handle);
   const result = expectCall(expected, ctx, call, when(close));
   if (expected === '-') check(result, ctx);
@@ -110,13 +95,8 @@ atEveryPoint('a hook closes the handle', closingAt, (ctx, { call, check }, when,
 
 // The memory of the bytes passed in goes away or changes its size, which it cannot on old Nodes.
 const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, 30] : ['gone'];
-const USED = /^(append-.*-fsync|remove-if-equals-unlink|after-.*|before-.*)$/;
-function lossesAt([point], { call }) {
-  // A Buffer that has only grown still holds the bytes.
-  const expected = (length) => (USED.test(point) || length > OLD.length ? '-' : 'storage');
-  if (!/ (OLD|NEW)/.test(call)) return [];
-  return LENGTHS.map((length) => [length, length, expected(length)]);
-}
+const lossesAt = ({ bytes = '-' }, { call }) =>
+  / (OLD|NEW)/.test(call) ? LENGTHS.map((length) => [length, length, bytes]) : [];
 
 atEveryPoint('the memory of the bytes is lost', lossesAt, (ctx, row, when, length, expected) => {
   const [operation, args] = prepare(ctx, row.call);

@@ -54,6 +54,6 @@ test('the types declare every function, with a comment, and every point, stage a
       .split(';')[0]
       .match(/[\w-]+/g),
   );
-  const points = scenarios.flatMap(({ hooks }) => hooks.map(([point]) => point));
+  const points = scenarios.flatMap(({ hooks }) => hooks.map(({ point }) => point));
   assert.deepEqual(members.sort(), [...new Set([...points, ...codes])].sort());
 });

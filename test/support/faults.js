@@ -4,107 +4,136 @@
 // starts over in a process into which that library is preloaded; the first one only passes on how
 // it ends.
 
+require('./memory.js');
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
-const { errno } = require('node:os').constants;
-const { isDeepStrictEqual } = require('node:util');
-const { expectOutcome, prepare, sandbox, thrownBy, treeOf } = require('./harness.js');
+const os = require('node:os');
+const path = require('node:path');
+const { getSystemErrorName } = require('node:util');
+const { expectOutcome, place, prepare, sandbox, thrownBy, treeOf } = require('./harness.js');
 const { compile } = require('./native.js');
 const tarvek = require('./tarvek.js');
 
-// Bound lazily, since child processes that load it are not Node.
-const library = compile('interpose/faults.c', '-shared', '-fPIC', '-Wl,-z,lazy', '-ldl');
-const { LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
+const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
 
-if (/[ :]/.test(library)) throw new Error(`LD_PRELOAD cannot take the path ${library}`);
-if (!LD_PRELOAD.includes(library)) {
-  // Ahead of a sanitizer's runtime as well, which else would be the one that calls.
-  process.env.LD_PRELOAD = `${library}:${LD_PRELOAD}`;
-  process.env.ASAN_OPTIONS = `${ASAN_OPTIONS}:verify_asan_link_order=0`;
-  // Nothing here looks beneath the page cache, and a disk costs two thirds of the time.
-  process.env.TMPDIR = '/dev/shm';
+function startOver() {
+  // Bound lazily, since child processes that load it are not Node.
+  const library = compile('interpose/faults.c', '-shared', '-fPIC', '-Wl,-z,lazy', '-ldl');
+  // LD_PRELOAD takes no path with a blank or a colon.
+  const within = [os.tmpdir(), '/tmp'].find((at) => !/[ :]/.test(at));
+  const folder = fs.mkdtempSync(path.join(within, 'tarvek-preload-'));
+  const preloaded = path.join(folder, 'faults.so');
+  fs.symlinkSync(library, preloaded);
+  const env = {
+    ...process.env,
+    TARVEK_TEST_PRELOADED: preloaded,
+    // Ahead of a sanitizer's runtime as well, which else would be the one that calls.
+    LD_PRELOAD: `${preloaded}:${LD_PRELOAD}`,
+    ASAN_OPTIONS: `${ASAN_OPTIONS}:verify_asan_link_order=0`,
+  };
   const args = [...process.execArgv, ...process.argv.slice(1)];
-  const run = spawnSync(process.execPath, args, { stdio: 'inherit' });
+  const run = spawnSync(process.execPath, args, { stdio: 'inherit', env });
+  fs.rmSync(folder, { recursive: true });
   if (run.signal) console.error(`tarvek: the process under test ended by ${run.signal}`);
   process.exit(run.status ?? 1);
 }
+if (!TARVEK_TEST_PRELOADED) startOver();
 
-const ACTIONS = ['nothing', 'fail', 'short', 'zero', 'kill', 'swap'];
+const ACTIONS = ['nothing', 'fail', 'short', 'zero', 'alter'];
+// What a look at a file tells, as it is altered; in the order of faults.c.
+const FIELDS = [
+  ...['device', 'inode', 'mode', 'links', 'unlinked', 'smaller', 'larger', 'negative'],
+  ...['mtime', 'mtimeNs', 'ctime', 'ctimeNs', 'link', 'special'],
+];
+
 const shared = { exports: {} };
-process.dlopen(shared, library);
-const state = new Int32Array(shared.exports, 16, 9);
-const [SWAPPED, ROOM] = [state.byteOffset + state.byteLength, 256];
-const RECORD = SWAPPED + 2 * ROOM;
-const swapped = [0, ROOM].map((at) => Buffer.from(shared.exports, SWAPPED + at, ROOM));
-const [ENDED, LENGTH] = [7, 8];
+process.dlopen(shared, TARVEK_TEST_PRELOADED);
+const state = new Int32Array(shared.exports, 16, 10);
+const [LEFT, LENGTH] = [8, 9];
+const record = Buffer.from(shared.exports, state.byteOffset + state.byteLength);
 const maps = fs.readFileSync('/proc/self/maps', 'utf8');
 const [, ...code] = /^(\w+)-(\w+) r-x.*\/tarvek\.node$/m.exec(maps);
 new BigUint64Array(shared.exports, 0, 2).set(code.map((at) => BigInt(`0x${at}`)));
 
-const callsIn = (record) => JSON.parse(`[${record.trim().replaceAll('\n', ',')}]`);
+// A hook or a stage, in the order in which it comes among the calls.
+function note(...words) {
+  state[LENGTH] += record.write(`${words.join('\t')}\t0\n`, state[LENGTH]);
+}
 
-// Makes the scenario's call by a plan: `count` calls from the `first` on fail, with the one errno
-// and then the other, are short, return 0, are followed by the death of their process, or come after
-// an exchange of the two paths that `swap` returns. `verify` is told the calls as [name,
-// ...arguments, result], the record is their text.
-function run(scenario, { first = 0, count = 1, action = 'nothing', errnos = [], swap }, verify) {
+// What openRoot does above the root is the same for every directory, and how many there are differs.
+const isAbove = (at) => at.startsWith('/') && place.base.startsWith(at);
+const isLeftOut = ([at, name, flags]) =>
+  isAbove(at) && name !== 'root' && (at !== '/' || flags !== undefined);
+
+// As the listings in test/calls/ have it; nothing for what is left out.
+function show(name, args, error) {
+  const [point, segment, index] = args;
+  if (point === 'root-ancestor-open') {
+    return index >= place.depth ? `hook ${point} ${segment} ${index - place.depth}` : undefined;
+  }
+  if (isLeftOut(args)) return undefined;
+  const words = args.map((arg) => {
+    const isWithin = arg === place.base || arg.startsWith(place.root);
+    return isWithin ? path.relative(place.root, arg) || '.' : arg || '""';
+  });
+  return [name, ...words, ...(error ? ['=', error] : [])].join(' ');
+}
+
+// The calls, hooks and stages, in order, and how a listing shows them.
+function callsIn(text) {
+  let made = 0;
+  const named = text.replace(/\.tarvek-\d+-\d+-[0-9a-f]{32}/g, '.tarvek-*');
+  return named
+    .split('\n')
+    .slice(0, -1)
+    .map((line) => {
+      const [name, ...args] = line.split('\t');
+      const code = Number(args.pop());
+      const error = code && getSystemErrorName(-code);
+      const nth = name === 'hook' || name === 'stage' ? undefined : ++made;
+      return { nth, name, args, error, text: show(name, args, error) };
+    });
+}
+
+// Makes the scenario's call by a plan: `count` calls from the `first` on fail with the `error`, those
+// behind the first one with the error `then`; or they are short, or return 0 and leave the errno in
+// place; or they tell something else in the field. `verify` is given the outcome, the calls, and the
+// trees before and after.
+function run(scenario, plan, verify) {
+  const { action = 'nothing', first = 0, count = 1, error, then = error, field } = plan;
   sandbox(scenario.before, (ctx) => {
     const before = treeOf(ctx.root);
+    ctx.stage = (stage) => note('stage', stage);
+    tarvek.setTestHook(({ point, segment, index }) => note('hook', point, segment, index));
     const [operation, args] = prepare(ctx, scenario.call);
-    for (const [i, at] of (swap?.(ctx) ?? []).entries()) swapped[i].write(`${at}\0`);
-    const errors = [0, 1].map((i) => errno[errnos[i]] ?? 0);
-    state.set([1, first, count, ACTIONS.indexOf(action), ...errors, 0, -1, 0]);
+    const errors = [error, then].map((one) => os.constants.errno[one] ?? 0);
+    const [nth, what] = [ACTIONS.indexOf(action), FIELDS.indexOf(field)];
+    state.set([1, nth, first, count, ...errors, what, 0, -1, 0]);
     const outcome = thrownBy(() => tarvek[operation](...args));
     state[0] = 0;
-    const text = Buffer.from(shared.exports, RECORD, state[LENGTH]);
-    const record = text.toString().replaceAll('__fx', 'f');
-    const calls = callsIn(record);
-    // All that a failure leaves open, on purpose: the duplicate that no stream took.
-    const lone = calls.filter(([name, fd, stream]) => name === 'fdopendir' && fd >= 0 && !stream);
-    for (const [, fd] of lone) fs.closeSync(fd);
-    const after = treeOf(ctx.root);
+    tarvek.setTestHook();
+    // What a stream was not made on stays open, on purpose.
+    if (state[LEFT] >= 0) fs.closeSync(state[LEFT]);
+    const calls = callsIn(record.toString('utf8', 0, state[LENGTH]));
     try {
-      verify({ ctx, outcome, record, calls, before, after, ended: state[ENDED] });
-    } catch (error) {
-      error.message = `${action} ${count} ${errnos}, ${calls[first - 1]}: ${error.message}`;
-      throw error;
+      verify({ ctx, outcome, calls, before, after: treeOf(ctx.root) });
+    } catch (thrown) {
+      const { text } = calls.find(({ nth }) => nth === first) ?? {};
+      const what = [action, field, error, count > 1 && 'from there on'].filter(Boolean).join(' ');
+      if (first > 0) thrown.message = `call ${first}, ${text}: ${what}: ${thrown.message}`;
+      throw thrown;
     }
   });
 }
 
-// The record, the calls and the images of a call to which nothing happens.
+// The result, the calls and the trees when nothing happens.
 function rehearse(scenario) {
   let whole;
-  run(scenario, {}, ({ ctx, outcome, ...seen }) => {
-    scenario.check(expectOutcome('-', outcome), ctx);
-    whole = seen;
+  run(scenario, {}, (seen) => {
+    whole = { ...seen, result: expectOutcome('-', seen.outcome) };
+    scenario.check(whole.result, seen.ctx);
   });
   return whole;
 }
 
-// Without modes and link counts.
-function plain(image, suits = () => true) {
-  const entries = Object.entries(image).filter(([name]) => suits(name));
-  const without = ([name, is]) => [name, is.replace(/^(\d+)\d{4}( \d+)?/, '$1')];
-  return Object.fromEntries(entries.map(without));
-}
-const isTemporary = (name) => /(^|\/)\.tarvek-[^/]*$/.test(name);
-
-// Whether an operation that did not come to its end may leave this image behind. The directories on
-// its way may be there or not, and write's temporary file.
-function isLawful({ operation, paths }, ...images) {
-  const isLasting = (name) =>
-    !paths.some((names) => names.join('/').startsWith(`${name}/`)) &&
-    !(operation === 'write' && isTemporary(name));
-  const [before, after, image] = images.map((one) => plain(one, isLasting));
-  const leaf = paths[0].join('/');
-  const [was, is, will] = [before, image, after].map((one) => one[leaf] ?? '10');
-  const grown = is.startsWith(was) && is.length <= will.length && { ...after, [leaf]: is };
-  const others = {
-    ...{ create: grown, append: grown, publishVerified: { ...before, ...after } },
-    remove: plain(before, (name) => name in image),
-  };
-  return [before, after, others[operation]].some((one) => isDeepStrictEqual(one, image));
-}
-
-module.exports = { run, rehearse, callsIn, plain, isTemporary, isLawful };
+module.exports = { run, rehearse, FIELDS };

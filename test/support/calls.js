@@ -1,0 +1,47 @@
+'use strict';
+
+// The listings in test/calls/: what every scenario (see scenarios.js) calls, in order, and what
+// comes of it when something goes wrong there. README.md beside them explains the form.
+
+const fs = require('node:fs');
+const path = require('node:path');
+
+const FOLDER = path.join(__dirname, '../calls');
+const GROUPS = {
+  identity: ['device', 'inode'],
+  type: ['link', 'special'],
+  names: ['links', 'unlinked'],
+  size: ['smaller', 'larger', 'negative'],
+  times: ['mtime', 'mtimeNs', 'ctime', 'ctimeNs'],
+};
+GROUPS.all = [...Object.values(GROUPS).flat(), 'mode'];
+
+// "links type: outside; once mode: -" as an outcome for each word.
+function notesIn(text) {
+  const notes = {};
+  for (const part of text.split('; ')) {
+    const [, once = '', words, outcome] = /^(once )?(.*): (\S+)$/.exec(part);
+    for (const word of words.split(' ').flatMap((one) => GROUPS[one] ?? one)) {
+      notes[once + word] = outcome;
+    }
+  }
+  return notes;
+}
+
+const parseLine = (line) => {
+  const [told, notes] = line.trim().split(/ +! /);
+  return { text: told.replace(/ +/g, ' '), notes: notes ? notesIn(notes) : {} };
+};
+
+// By name, the lines of each scenario: a heading, and what is indented beneath it.
+const sections = new Map();
+for (const file of fs.readdirSync(FOLDER).filter((name) => name.endsWith('.txt'))) {
+  for (const section of fs.readFileSync(path.join(FOLDER, file), 'utf8').split(/\n(?=\S)/)) {
+    const [name, ...lines] = section.split('\n').filter(Boolean);
+    sections.set(name, lines.map(parseLine));
+  }
+}
+
+const listing = (name) => sections.get(name) ?? [];
+
+module.exports = { listing, GROUPS };

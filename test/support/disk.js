@@ -1,0 +1,130 @@
+'use strict';
+
+// A model of a disk on which recorded calls are replayed, and of what a crash leaves on it.
+//
+// A name lasts only once its directory is flushed, and bytes once their file is; what is not
+// flushed has reached the disk or has not. A rename has reached it whole or not at all. There are
+// three kinds of disk:
+//
+//   journal  changes reach it in order, and any flush brings all that was changed before
+//   log      they reach it in order, all at once; but the flush of a directory brings along the
+//            changes of that directory alone
+//   none     they reach it in any combination; a rename is sure once both directories are flushed
+
+const path = require('node:path');
+const { place } = require('./harness.js');
+
+// A directory is an empty object: what it holds follows from the changes. Anything else is a type
+// and a text, `now` as processes see it and `kept` as all that it may turn out to be.
+const makeLeaf = (is) => ({ now: is, kept: new Set([is]) });
+
+// Without modes and link counts.
+function plain(image) {
+  const without = ([name, is]) => [name, is.replace(/^(\d+)\d{4}( \d+)?/, '$1')];
+  return Object.fromEntries(Object.entries(image).map(without));
+}
+
+function namesIn(directory, changes) {
+  const names = new Map();
+  for (const [at, name, node] of changes.flatMap((one) => one.names)) {
+    if (at === directory) names.set(name, node);
+  }
+  return names;
+}
+
+function imagesOf(node, changes, textsOf, at = '') {
+  if (node.kept) return textsOf(node).map((is) => ({ [at]: is }));
+  let images = [at ? { [at]: '4' } : {}];
+  for (const [name, inner] of namesIn(node, changes)) {
+    const ways = inner ? imagesOf(inner, changes, textsOf, path.join(at, name)) : [{}];
+    images = images.flatMap((image) => ways.map((way) => ({ ...image, ...way })));
+  }
+  return images;
+}
+
+class Disk {
+  root = {};
+  changes = [];
+
+  constructor(image, kind) {
+    this.kind = kind;
+    for (const [at, is] of Object.entries(plain(image))) {
+      const [directory, name] = [path.dirname(at), path.basename(at)];
+      this.change([place.at(directory), name, is === '4' ? {} : makeLeaf(is)]);
+    }
+    for (const one of this.changes) one.waits = [];
+  }
+
+  // What is there now, by its absolute path.
+  find(at) {
+    const names = path.relative(place.root, at).split('/').filter(Boolean);
+    return names.reduce((node, name) => namesIn(node, this.changes).get(name), this.root);
+  }
+
+  // Of [directory, name, node], all in one step; a name without a node goes. It lasts once all the
+  // directories that it waits for are flushed.
+  change(...changes) {
+    const names = changes.map(([at, ...change]) => [this.find(at), ...change]);
+    this.changes.push({ names, waits: names.map(([at]) => at) });
+  }
+
+  // What is called is the method of that name, with descriptors as paths; others change nothing.
+  apply({ name, args, error }) {
+    if (!error) this[name]?.(...args);
+  }
+
+  mkdirat = (at, name) => this.change([at, name, {}]);
+  unlinkat = (at, name) => this.change([at, name]);
+  symlinkat = (text, at, name) => this.change([at, name, makeLeaf(`12 ${text}`)]);
+  linkat = (a, from, b, to) => this.change([b, to, this.find(path.join(a, from))]);
+  renameat = (a, from, b, to) => this.change([a, from], [b, to, this.find(path.join(a, from))]);
+  syscall(_, a, from, b, to) {
+    const [one, two] = [this.find(path.join(a, from)), this.find(path.join(b, to))];
+    this.change([a, from, two], [b, to, one]);
+  }
+
+  openat(at, name, flags) {
+    const isMade = flags.includes('CREAT') && !this.find(path.join(at, name));
+    if (isMade) this.change([at, name, makeLeaf('10 ')]);
+  }
+
+  // At the end of a file; all of the bytes, a part, or as many others.
+  write(at, quoted) {
+    const bytes = quoted.slice(1, -1);
+    const node = this.find(at);
+    const pieces = [bytes, bytes.slice(0, bytes.length / 2), '\0'.repeat(bytes.length)];
+    node.kept = new Set([...node.kept].flatMap((is) => [is, ...pieces.map((one) => is + one)]));
+    node.now += bytes;
+  }
+
+  fsync(at) {
+    const node = this.find(at);
+    if (node.kept) {
+      node.kept = new Set([node.now]);
+      return;
+    }
+    for (const one of this.changes) {
+      const isBrought = this.kind === 'log' ? one.waits.includes(node) : this.kind === 'journal';
+      one.waits = isBrought ? [] : one.waits.filter((directory) => directory !== node);
+    }
+  }
+
+  // What processes see.
+  now() {
+    return imagesOf(this.root, this.changes, ({ now }) => [now])[0];
+  }
+
+  // The images that a crash may leave.
+  *states() {
+    const pending = this.changes.filter(({ waits }) => waits.length > 0);
+    const inOrder = this.kind !== 'none';
+    const count = inOrder ? pending.length + 1 : 1 << pending.length;
+    for (let n = 0; n < count; ++n) {
+      const lost = pending.filter((_, i) => (inOrder ? i >= n : n & (1 << i)));
+      const changes = this.changes.filter((one) => !lost.includes(one));
+      yield* imagesOf(this.root, changes, ({ kept }) => [...kept]);
+    }
+  }
+}
+
+module.exports = { Disk, plain };
