@@ -4,12 +4,31 @@
 // a handle stands for; and the hook.
 
 const assert = require('node:assert/strict');
+const { execFileSync } = require('node:child_process');
+const { once } = require('node:events');
 const fs = require('node:fs');
-const { OLD, BYTES, lines, fresh, prepare, thrownBy } = require('./support/harness.js');
+const test = require('node:test');
+const { setImmediate: turn } = require('node:timers/promises');
+const { setFlagsFromString } = require('node:v8');
+const { runInNewContext } = require('node:vm');
+const { Worker } = require('node:worker_threads');
+const {
+  OLD,
+  BYTES,
+  lines,
+  fresh,
+  place,
+  prepare,
+  sandbox,
+  thrownBy,
+} = require('./support/harness.js');
 const { assertTree, attempt, expectThrough, expectCall } = require('./support/harness.js');
 const { each, cases } = require('./support/harness.js');
 const { identityOf } = require('./support/scenarios.js');
 const tarvek = require('./support/tarvek.js');
+
+setFlagsFromString('--expose-gc');
+const collect = runInNewContext('gc');
 
 // Calls, what their arguments are, and the order in which bad ones are noticed, behind the failure
 // that they give. A wrong count comes before all of them, with the first failure.
@@ -102,10 +121,15 @@ const withPaths = calls.flatMap(([, , words, kinds, order]) =>
     return isPath ? [[`${words}, argument ${index}`, LAYOUT, callWith, order]] : [];
   }),
 );
+// By a byte, with a last character of one to four, and by far.
+const TOO_LONG = ['x'.repeat(256), 'x'.repeat(10_000)];
+for (const last of ['é', '語', '😀']) {
+  TOO_LONG.push(`${'x'.repeat(256 - Buffer.byteLength(last))}${last}`);
+}
 const got = (get) => Object.defineProperty(['f'], 0, { get });
 
 each('a path is too long, or throws, or closes the handle', withPaths, (ctx, callWith, order) => {
-  expectCall('storage', ctx, callWith(ctx, ['x'.repeat(256), 'leaf']));
+  for (const name of TOO_LONG) expectCall('storage', ctx, callWith(ctx, [name, 'leaf']));
   expectThrough((thrower) => attempt(ctx, callWith(ctx, got(thrower))));
   const path = got(() => tarvek.close(ctx.handle) ?? 'f');
   // Seen at once, or by the walk.
@@ -177,11 +201,14 @@ cases('setTestHook', NESTED, {
   'callbacks get one argument, and the global object as this': (ctx) => {
     const calls = [];
     const callback = function (...args) {
-      calls.push([this === globalThis, args.length]);
+      calls.push([this === globalThis, JSON.stringify(args)]);
     };
     tarvek.setTestHook(callback);
     assert.equal(tarvek.write(ctx.handle, ['n'], BYTES.NEW, callback), undefined);
-    assert.deepEqual(calls, Array(6).fill([true, 1]));
+    assert.deepEqual(calls.slice(0, 2), [
+      [true, '[{"point":"pre-effect","segment":"n","index":0}]'],
+      [true, '["after-temp-write"]'],
+    ]);
   },
   'there is one for every handle, the last that was set': (ctx) => {
     const fired = [];
@@ -208,4 +235,60 @@ cases('setTestHook', NESTED, {
     exists(ctx);
     assert.deepEqual(fired, ['first', 'second']);
   },
+});
+
+// A weak reference holds on until the event loop turns.
+async function collected() {
+  await turn();
+  await turn(collect());
+}
+
+test('a hook stays as long as it is set, and goes when it is replaced or removed', async () => {
+  const fired = [];
+  const set = (name) => {
+    const hook = () => fired.push(name);
+    tarvek.setTestHook(hook);
+    return new WeakRef(hook);
+  };
+  const hooks = ['first', 'second'].map(set);
+  await collected();
+  tarvek.close(tarvek.openRoot(place.base));
+  assert.equal(fired[0], 'second');
+  assert.equal(hooks[0].deref(), undefined, 'the first one is gone');
+  tarvek.setTestHook();
+  await collected();
+  assert.equal(hooks[1].deref(), undefined, 'the second one is gone');
+});
+
+const MODULE = require.resolve('./support/tarvek.js');
+
+test('a hook is for its own thread', async (t) => {
+  t.after(() => tarvek.setTestHook());
+  tarvek.setTestHook(assert.fail);
+  const workerData = [MODULE, place.base];
+  const script = `
+    const [module, base] = require('node:worker_threads').workerData;
+    require(module).openRoot(base);`;
+  const [status] = await once(new Worker(script, { eval: true, workerData }), 'exit');
+  assert.equal(status, 0);
+});
+
+test('0 is a descriptor like any other, of a handle and of a candidate', () => {
+  const script = `
+    const assert = require('node:assert');
+    const fs = require('node:fs');
+    const [, module, root] = process.argv;
+    const tarvek = require(module);
+    const handle = tarvek.openRoot(root);
+    fs.closeSync(0);
+    const inner = tarvek.openRelative(handle, ['d']);
+    assert.equal(fs.fstatSync(0).isDirectory(), true);
+    assert.equal(tarvek.exists(inner, ['f']), true);
+    tarvek.close(inner);
+    assert.equal(fs.openSync(root + '/d/f'), 0);
+    tarvek.publishVerified(handle, 0, ['d', 'f'], ['p'], Buffer.from('${OLD}'));`;
+  sandbox({ d: { f: OLD } }, ({ root }) => {
+    execFileSync(process.execPath, ['-e', script, MODULE, root]);
+    assertTree({ d: {}, p: OLD });
+  });
 });
