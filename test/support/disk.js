@@ -11,6 +11,7 @@
 //            changes of that directory alone
 //   none     they reach it in any combination; a rename is sure once both directories are flushed
 
+const { constants } = require('node:fs');
 const path = require('node:path');
 const { place } = require('./harness.js');
 
@@ -84,7 +85,7 @@ class Disk {
   }
 
   openat(at, name, flags) {
-    const isMade = flags.includes('CREAT') && !this.find(path.join(at, name));
+    const isMade = flags & constants.O_CREAT && !this.find(path.join(at, name));
     if (isMade) this.change([at, name, makeLeaf('10 ')]);
   }
 
