@@ -79,10 +79,6 @@ class Disk {
   symlinkat = (text, at, name) => this.change([at, name, makeLeaf(`12 ${text}`)]);
   linkat = (a, from, b, to) => this.change([b, to, this.find(path.join(a, from))]);
   renameat = (a, from, b, to) => this.change([a, from], [b, to, this.find(path.join(a, from))]);
-  syscall(_, a, from, b, to) {
-    const [one, two] = [this.find(path.join(a, from)), this.find(path.join(b, to))];
-    this.change([a, from, two], [b, to, one]);
-  }
 
   openat(at, name, flags) {
     const isMade = flags & constants.O_CREAT && !this.find(path.join(at, name));

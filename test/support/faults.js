@@ -5,25 +5,31 @@
 // it ends.
 
 require('./memory.js');
-const { spawnSync } = require('node:child_process');
+const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const { getSystemErrorName } = require('node:util');
 const { expectOutcome, place, prepare, sandbox, thrownBy, treeOf } = require('./harness.js');
-const { compile } = require('./native.js');
 const tarvek = require('./tarvek.js');
 
 const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
 
+const CACHE = path.join(__dirname, '../../build/Release/CMakeCache.txt');
+// Bound lazily, since child processes that load it are not Node.
+const OPTIONS = '-std=c11 -O1 -Wall -Wextra -Werror -shared -fPIC -Wl,-z,lazy -x c'.split(' ');
+
+// Made anew for every test file, which takes no time, by the compiler that built the module: that
+// one is a C compiler as well.
 function startOver() {
-  // Bound lazily, since child processes that load it are not Node.
-  const library = compile('interpose/faults.c', '-shared', '-fPIC', '-Wl,-z,lazy', '-ldl');
+  const cache = fs.readFileSync(CACHE, 'utf8');
+  const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(cache);
   // LD_PRELOAD takes no path with a blank or a colon.
   const within = [os.tmpdir(), '/tmp'].find((at) => !/[ :]/.test(at));
   const folder = fs.mkdtempSync(path.join(within, 'tarvek-preload-'));
   const preloaded = path.join(folder, 'faults.so');
-  fs.symlinkSync(library, preloaded);
+  const source = path.join(__dirname, '../interpose/faults.c');
+  execFileSync(compiler, [...OPTIONS, source, '-ldl', '-o', preloaded]);
   const env = {
     ...process.env,
     TARVEK_TEST_PRELOADED: preloaded,
