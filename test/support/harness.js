@@ -189,7 +189,8 @@ function expectOutcome(expected, { thrown: error, ...returned }) {
   }
   const [, code, message] = FAILURES[failures.indexOf(expected)];
   assert.deepEqual(returned, {}, `returned instead of failing with "${message}"`);
-  assert.ok(error instanceof Error, `threw ${String(error)} instead of "${message}"`);
+  const isError = error instanceof Error && Object.getPrototypeOf(error) === Error.prototype;
+  assert.ok(isError, `threw ${String(error)} instead of an Error with "${message}"`);
   assert.deepEqual([error.code, error.message], [code, message], error.stack);
   assert.deepEqual(Object.keys(error), ['code'], 'nothing but the code is told');
 }
