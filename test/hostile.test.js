@@ -14,9 +14,9 @@ const { expectCall, each } = require('./support/harness.js');
 const { scenarios } = require('./support/scenarios.js');
 const tarvek = require('./support/tarvek.js');
 
-const rows = scenarios.map((scenario) => [scenario.name, scenario.before, scenario]);
+const whole = scenarios.map((scenario) => [scenario.name, scenario.before, scenario]);
 
-each('operations do what they should, also when the hook calls the module', rows, (ctx, row) => {
+each('operations do what they should, also when the hook calls the module', whole, (ctx, row) => {
   let within = false;
   const hook = () => {
     if (within) return;
@@ -28,24 +28,6 @@ each('operations do what they should, also when the hook calls the module', rows
   assertTree(row.after);
 });
 
-// Every point of every scenario, once for each of what `variantsOf` returns, by name; `run` is given
-// a maker of hooks that act at that point alone.
-function atEveryPoint(title, variantsOf, run) {
-  const only = (point) => (act) => (event) => {
-    const isThere = Object.keys(event).every((key) => event[key] === point[key]);
-    return isThere ? act() : undefined;
-  };
-  const rows = scenarios.flatMap((scenario) =>
-    scenario.hooks.flatMap((point) =>
-      variantsOf(point.notes, scenario).map(([how, ...rest]) => [
-        `${scenario.name}: ${how} at ${Object.values(point).slice(0, -1)}`,
-        ...[scenario.before, scenario, only(point), ...rest],
-      ]),
-    ),
-  );
-  each(title, rows, run);
-}
-
 // Swaps are renames: a directory that is deleted and made again can come back with its old inode
 // number, and then nobody could tell that it was swapped. The decoys hold what the operation wants.
 const SWAPS = {
@@ -54,60 +36,74 @@ const SWAPS = {
   'by a link to itself': (directory, _, away) => fs.symlinkSync(away, directory),
   'by nothing': () => {},
 };
-const swapsAt = (notes) =>
-  Object.entries(notes).flatMap(([name, expected]) =>
-    Object.entries(name.endsWith('/') ? SWAPS : {}).map(([how, swap]) => [
-      ...[`${name} ${how}`, name, swap, expected],
-    ]),
-  );
+const swapOf = (name, swap, layout) => (ctx) => {
+  const [outside, away] = ['outside', 'away'].map((folder) => path.join(ctx.base, folder));
+  const decoy = path.join(outside, name);
+  build(outside, layout);
+  fs.mkdirSync(decoy, { recursive: true });
+  fs.renameSync(ctx.at(name), away);
+  swap(ctx.at(name), decoy, away);
+};
 
-atEveryPoint(
-  'a directory on the way is swapped',
-  swapsAt,
-  (ctx, row, when, name, swap, expected) => {
-    const [outside, away] = ['outside', 'away'].map((folder) => path.join(ctx.base, folder));
-    const [directory, decoy] = [ctx.at(name), path.join(outside, name)].map((at) =>
-      at.slice(0, -1),
-    );
-    build(outside, row.before);
-    fs.mkdirSync(decoy, { recursive: true });
-    const act = () => {
-      fs.renameSync(directory, away);
-      swap(directory, decoy, away);
-    };
-    expectCall(expected, ctx, row.call, when(act));
-  },
-);
-
-const once = () => [['once']];
-atEveryPoint('a hook or a stage callback throws', once, (ctx, { call }, when) =>
-  expectThrough((thrower) => attempt(ctx, call, when(thrower))),
-);
-
-// The walk or the last look at the chain notices that the root is gone. What was checked for the
-// last time before goes on with the descriptors that it holds.
-const closed = (notes) => [['closed', notes.close ?? '-']];
-atEveryPoint('a hook closes the handle', closed, (ctx, { call, check }, when, expected) => {
-  const close = () => tarvek.close(ctx.handle);
-  const result = expectCall(expected, ctx, call, when(close));
-  if (expected === '-') check(result, ctx);
-});
-
-// The memory of the bytes passed in goes away or changes its size, which it cannot on old Nodes.
+// Passes bytes in memory that can go away or change its size, which it cannot on old Nodes.
 const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, 30] : ['gone'];
-const lossesAt = ({ bytes = '-' }, { call }) =>
-  / (OLD|NEW)/.test(call) ? LENGTHS.map((length) => [length, length, bytes]) : [];
+const loseTo = (length) => (ctx) =>
+  length === 'gone'
+    ? structuredClone(ctx.memory, { transfer: [ctx.memory] })
+    : ctx.memory.resize(length);
+function prepareLosable(ctx, call) {
+  const [operation, args] = prepare(ctx, call);
+  const losable = args.map((value) => {
+    if (!Buffer.isBuffer(value)) return value;
+    ctx.memory = new ArrayBuffer(value.length, { maxByteLength: 64 });
+    new Uint8Array(ctx.memory).set(value);
+    return new Uint8Array(ctx.memory);
+  });
+  return [operation, losable];
+}
 
-atEveryPoint('the memory of the bytes is lost', lossesAt, (ctx, row, when, length, expected) => {
-  const [operation, args] = prepare(ctx, row.call);
-  const index = args.findIndex((value) => Buffer.isBuffer(value));
-  const buffer = new ArrayBuffer(args[index].length, { maxByteLength: 64 });
-  const transfer = () => void structuredClone(buffer, { transfer: [buffer] });
-  new Uint8Array(buffer).set(args[index]);
-  args[index] = new Uint8Array(buffer);
-  const lose = () => (length === 'gone' ? transfer() : buffer.resize(length));
-  expectCall(expected, ctx, [operation, args], when(lose));
+// What a hook or a stage does, at every point of every scenario, as [name, deed, outcome]. What was
+// looked at for the last time before goes on with what it holds.
+function deedsAt(notes, { call, before }) {
+  const directories = Object.keys(notes).filter((name) => name.endsWith('/'));
+  const swaps = directories.flatMap((name) =>
+    Object.entries(SWAPS).map(([how, swap]) => {
+      return [`${name} swapped ${how}`, swapOf(name.slice(0, -1), swap, before), notes[name]];
+    }),
+  );
+  const losses = LENGTHS.map((length) => [`bytes: ${length}`, loseTo(length), notes.bytes]);
+  const close = ['handle closed', (ctx) => tarvek.close(ctx.handle), notes.close];
+  return [...swaps, close, ...(/ (OLD|NEW)/.test(call) ? losses : [])];
+}
+const points = scenarios.flatMap((scenario) =>
+  scenario.hooks.map(({ notes, ...point }) => ({ scenario, point, notes })),
+);
+const when = (point, act) => (event) =>
+  Object.keys(event).every((key) => event[key] === point[key]) ? void act() : undefined;
+
+const deeds = points.flatMap(({ scenario, point, notes }) =>
+  deedsAt(notes, scenario).map(([what, ...deed]) => [
+    ...[`${scenario.name}: ${what} at ${Object.values(point)}`, scenario.before],
+    ...[scenario, point, ...deed],
+  ]),
+);
+each('a hook or a stage does harm', deeds, (ctx, row, point, act, expected = '-') => {
+  const call = prepareLosable(ctx, row.call);
+  const result = expectCall(
+    expected,
+    ctx,
+    call,
+    when(point, () => act(ctx)),
+  );
+  if (expected === '-') row.check(result, ctx);
 });
+
+const throwing = points.map(({ scenario, point }) => [
+  ...[`${scenario.name}: ${Object.values(point)}`, scenario.before, scenario.call, point],
+]);
+each('a hook or a stage throws', throwing, (ctx, call, point) =>
+  expectThrough((thrower) => attempt(ctx, call, when(point, thrower))),
+);
 
 // Rows of [name, layout, call, and a failure that harness.js names, or "-" for success]. The directory
 // `made` is there afterwards just if the call names it, and `never` is not.
