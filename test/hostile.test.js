@@ -45,7 +45,8 @@ const swapOf = (name, swap, layout) => (ctx) => {
   swap(ctx.at(name), decoy, away);
 };
 
-// Passes bytes in memory that can go away or change its size, which it cannot on old Nodes.
+// Passes bytes in memory that can go away or change its size, which it cannot on old Nodes. One that
+// has only grown still holds them.
 const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, 30] : ['gone'];
 const loseTo = (length) => (ctx) =>
   length === 'gone'
@@ -71,7 +72,9 @@ function deedsAt(notes, { call, before }) {
       return [`${name} swapped ${how}`, swapOf(name.slice(0, -1), swap, before), notes[name]];
     }),
   );
-  const losses = LENGTHS.map((length) => [`bytes: ${length}`, loseTo(length), notes.bytes]);
+  const losses = LENGTHS.map((length) => {
+    return [`bytes: ${length}`, loseTo(length), length > OLD.length ? '-' : notes.bytes];
+  });
   const close = ['handle closed', (ctx) => tarvek.close(ctx.handle), notes.close];
   return [...swaps, close, ...(/ (OLD|NEW)/.test(call) ? losses : [])];
 }
