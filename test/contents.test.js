@@ -2,7 +2,6 @@
 
 // What is in the files and trees that the operations read, write and compare.
 
-require('./support/memory.js');
 const assert = require('node:assert/strict');
 const crypto = require('node:crypto');
 const fs = require('node:fs');

@@ -4,7 +4,6 @@
 // starts over in a process into which that library is preloaded; the first one only passes on how
 // it ends.
 
-require('./memory.js');
 const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
@@ -25,8 +24,7 @@ function startOver() {
   const cache = fs.readFileSync(CACHE, 'utf8');
   const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(cache);
   // LD_PRELOAD takes no path with a blank or a colon.
-  const within = [os.tmpdir(), '/tmp'].find((at) => !/[ :]/.test(at));
-  const folder = fs.mkdtempSync(path.join(within, 'tarvek-preload-'));
+  const folder = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
   const preloaded = path.join(folder, 'faults.so');
   const source = path.join(__dirname, '../interpose/faults.c');
   execFileSync(compiler, [...OPTIONS, source, '-ldl', '-o', preloaded]);
@@ -170,4 +168,4 @@ function rehearse(scenario) {
   return whole;
 }
 
-module.exports = { run, rehearse, FIELDS: Object.keys(FIELDS) };
+module.exports = { run, rehearse, FIELDS: Object.keys(FIELDS), FAR };
