@@ -103,6 +103,8 @@ static long Intercept(Function* real, const char* name, const char* shape, long*
   errno = before;
   const long result = Act(real, name, shape, a);
   const int error = errno;
+  const int isEntry = strcmp(name, "readdir") == 0 && result != 0;
+  if (isEntry && ((struct dirent*)result)->d_name[0] == '.') RECORD("\tof . or ..");
   RECORD("\t%d\n", Failed(shape, result) ? error : 0);
   errno = error;
   return result;
