@@ -1,13 +1,10 @@
 'use strict';
 
-// A very long run, very deep trees, very large files and very little memory, on a file system in
-// memory: no other takes a file of that size, and there a long chain is quickly made and removed.
-
-process.env.TMPDIR = '/dev/shm';
+// A very long run, very deep trees, very large files and very little memory.
 
 const assert = require('node:assert/strict');
 const { MAX_LENGTH } = require('node:buffer').constants;
-const { execFileSync } = require('node:child_process');
+const { execFileSync, spawnSync } = require('node:child_process');
 const { once } = require('node:events');
 const fs = require('node:fs');
 const test = require('node:test');
@@ -20,7 +17,7 @@ const harness = require('./support/harness.js');
 const tarvek = require('./support/tarvek.js');
 
 const { OLD, descriptors, expectOutcome, lines, place, prepare, sandbox } = harness;
-const { build, symlink, table, thrownBy } = harness;
+const { build, each, symlink, thrownBy } = harness;
 const CALLS = process.env.TARVEK_TEST_FULL === '1' ? 1_000_000 : 100_000;
 const CALLS_PER_HANDLE = 10;
 const SLACK = 4 * 1024 * 1024;
@@ -73,6 +70,12 @@ test('a long run leaves nothing behind', async (t) => {
   fs.rmSync(place.root, { recursive: true });
 });
 
+// Without content, and as large as the file system accepts.
+function makeSparse(at, size) {
+  const { status } = spawnSync('truncate', ['-s', String(size), at]);
+  if (status !== 0) makeSparse(at, size / 2n);
+}
+
 const LEVELS = 15_000;
 const limitTo = (limit) => execFileSync('prlimit', [`--pid=${process.pid}`, limit]);
 const LARGE = ['read sparse/f', 'capture sparse', 'snapshot sparse'];
@@ -112,7 +115,7 @@ test('depth and size end in a failure, never in a crash, and leave no descriptor
   for (const [name, levels] of Object.entries({ chain: LEVELS, short: removable, sparse: 0 })) {
     execFileSync('mkdir', ['-p', place.at(name, 'd/'.repeat(levels))]);
   }
-  execFileSync('truncate', ['-s', '9223372036854775807', place.at('sparse', 'f')]);
+  makeSparse(place.at('sparse', 'f'), 2n ** 63n - 1n);
   const failed = Array(6).fill('FILESYSTEM_FAILURE');
   const before = descriptors();
   limitTo('--nofile=500:');
@@ -123,94 +126,87 @@ test('depth and size end in a failure, never in a crash, and leave no descriptor
   assert.deepEqual(descriptors(), before);
 });
 
-// Files in the directory d, their size, room in the address space as a multiple of it, and how many
-// results fit in that room.
+const filesOf = (count, content) => Object.fromEntries(Array(count).fill(content).entries());
+const call = (ctx, words) => {
+  const [operation, args] = prepare(ctx, words);
+  return tarvek[operation](...args);
+};
+
+// How many files of which size are in d, room for how many of them the address space has left, and
+// how many results fit into it at least.
 const SCARCE = lines(`
   read d/0    1  268435456  1.5  1
   read d/0    1  3900000    1.5  1
   read d/0    1  100000     50   40
   capture d   8  3900000    4.5  0
   snapshot d  8  3900000    4.5  0`);
+const scarce = SCARCE.map(([words, ...numbers]) => {
+  const [count, size, room, fitting] = numbers.map(Number);
+  return [`${words}, ${size} bytes`, { d: filesOf(count, '') }, words, size, room, fitting];
+});
 
-table(
-  'a file for which there is no memory ends in a failure, and its bytes are held once',
-  SCARCE.map(([words, ...numbers]) => [words, ...numbers.map(Number)]).map((row) => [
-    row.join(' '),
-    () => {
-      const [words, files, size, room, fitting] = row;
-      sandbox({ d: Object.fromEntries(Array(files).fill('').entries()) }, (ctx) => {
-        for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
-        const [operation, args] = prepare(ctx, words);
-        const results = [];
-        const read = () => results.push(tarvek[operation](...args));
-        collect();
-        const [, used] = /VmSize:\s+(\d+)/.exec(fs.readFileSync('/proc/self/status', 'utf8'));
-        limitTo(`--as=${Math.round(used * 1024 + size * room)}:`);
-        const outcome = thrownBy(() => {
-          for (;;) read();
-        });
-        limitTo('--as=unlimited:');
-        expectOutcome('storage', outcome);
-        assert.ok(results.length >= fitting, `${results.length} results`);
-        read();
-      });
-    },
-  ]),
-);
+each('too little memory for the bytes ends in a failure', scarce, (ctx, words, ...numbers) => {
+  const [size, room, fitting] = numbers;
+  for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
+  const results = [];
+  collect();
+  const [, used] = /VmSize:\s+(\d+)/.exec(fs.readFileSync('/proc/self/status', 'utf8'));
+  limitTo(`--as=${Math.round(used * 1024 + size * room)}:`);
+  const outcome = thrownBy(() => {
+    for (;;) results.push(call(ctx, words));
+  });
+  limitTo('--as=unlimited:');
+  expectOutcome('storage', outcome);
+  assert.ok(results.length >= fitting, `${results.length} results`);
+  call(ctx, words);
+});
 
 const bytesRead = () => Number(/rchar: (\d+)/.exec(fs.readFileSync('/proc/self/io', 'utf8'))[1]);
 
 test('a file larger than a Buffer is refused before a byte is read', () => {
   sandbox({ d: { f: '' } }, (ctx) => {
-    fs.truncateSync(ctx.at('d', 'f'), Math.min(MAX_LENGTH + 1, 2 ** 62));
+    makeSparse(ctx.at('d', 'f'), BigInt(MAX_LENGTH) + 1n);
     for (const words of ['read d/f', 'capture d', 'snapshot d']) {
       const before = bytesRead();
-      const [operation, args] = prepare(ctx, words);
-      expectOutcome(
-        'storage',
-        thrownBy(() => tarvek[operation](...args)),
-      );
+      const outcome = thrownBy(() => call(ctx, words));
+      expectOutcome('storage', outcome);
       assert.ok(bytesRead() - before < 1 << 20, words);
     }
   });
 });
 
-test('memory is given back as it came, also after failures in the middle of a tree', () => {
-  const files = Object.fromEntries(
-    Array(40)
-      .fill(Buffer.alloc(1 << 18))
-      .entries(),
-  );
-  sandbox({ d: { ...files, z: symlink('0') }, e: files, large: '' }, (ctx) => {
-    fs.truncateSync(ctx.at('large'), 12 << 20);
-    const fail = ({ segment }) => {
-      if (segment === 'e/9') throw new Error('half-way');
-    };
+test('failures in the middle of a tree leave no memory behind', () => {
+  const files = filesOf(40, Buffer.alloc(1 << 18));
+  sandbox({ d: { ...files, z: symlink('0') }, e: files }, (ctx) => {
+    const throwAt9 = ({ segment }) => assert.notEqual(segment, 'e/9', 'thrown by the hook');
     const round = () => {
-      tarvek.setTestHook(fail);
-      assert.throws(() => tarvek.capture(ctx.handle, [['e']]), { message: 'half-way' });
+      tarvek.setTestHook(throwAt9);
+      assert.throws(() => call(ctx, 'capture e'), { message: 'thrown by the hook' });
       tarvek.setTestHook();
-      for (const operation of ['capture', 'snapshot']) {
-        const [, args] = prepare(ctx, `${operation} d`);
-        assert.throws(() => tarvek[operation](...args), { code: 'PATH_OUT_OF_ROOT' });
+      for (const words of ['capture d', 'snapshot d']) {
+        assert.throws(() => call(ctx, words), { code: 'PATH_OUT_OF_ROOT' });
       }
       collect();
       return process.memoryUsage.rss();
     };
-    for (let i = 0; i < 20; ++i) round();
-    const [before, ...later] = Array.from(Array(20), round);
-    const grown = later.at(-1) - before;
+    const sizes = Array.from(Array(40), round);
+    const grown = sizes.at(-1) - sizes.at(20);
     assert.ok(sanitized || grown < 8 * SLACK, `${grown} bytes more`);
-    // With six at a time the C library comes to serve them from a heap that it keeps.
-    for (const name of Array(6).fill('large')) tarvek.read(ctx.handle, [name]);
-    const mappings = fs.readFileSync('/proc/self/smaps', 'utf8');
-    assert.doesNotMatch(mappings, /^VmFlags:.* hg\b/m, 'no heap stays marked for large pages');
   });
 });
 
-test('what the hook was called with does not stay until the call ends', () => {
-  const files = Object.fromEntries(Array(200).fill('').entries());
-  sandbox({ d: files }, ({ handle }) => {
+test('memory for large pages is given back with the Buffer', () => {
+  sandbox({ f: '' }, (ctx) => {
+    fs.truncateSync(ctx.at('f'), 12 << 20);
+    // After several, the C library serves the memory from a heap that it keeps.
+    for (let i = 0; i < 6; ++i) call(ctx, 'read f');
+    const mappings = fs.readFileSync('/proc/self/smaps', 'utf8');
+    assert.doesNotMatch(mappings, /^VmFlags:.* hg\b/m, 'a heap stays marked for large pages');
+  });
+});
+
+test('the collector frees the events of a hook while the call goes on', () => {
+  sandbox({ d: filesOf(200, '') }, (ctx) => {
     let held;
     tarvek.setTestHook((event) => {
       event.payload = Array(10_000).fill(0.5);
@@ -220,7 +216,7 @@ test('what the hook was called with does not stay until the call ends', () => {
     });
     collect();
     const before = process.memoryUsage().heapUsed;
-    tarvek.capture(handle, [['d']]);
+    call(ctx, 'capture d');
     assert.ok(held - before < SLACK, `${held - before} bytes held`);
   });
 });
