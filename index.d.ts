@@ -3,10 +3,11 @@
 /// <reference types="node" />
 
 /**
- * Synchronous file-system operations that reach only what lies beneath a directory, also while
- * other processes rename, replace or link entries in it. Linux only.
+ * Synchronous file operations that stay below one directory, even while other processes rename,
+ * replace or link entries in it. Linux only.
  *
- * Open a directory once with {@link openRoot}, then name what you want by arrays of names below it:
+ * Open a directory once with {@link openRoot}. Then address everything below it with arrays of
+ * names:
  *
  * ```js
  * const root = openRoot('/srv/app/data');
@@ -14,14 +15,20 @@
  * close(root);
  * ```
  *
- * Every function runs to its end on the calling thread, and either returns or throws one
- * {@link TarvekError} with one of the codes that it lists. Three kinds of exception pass through as
- * they are: what a test hook or a stage callback threw, what a getter on an argument threw, and the
- * runtime's own `ERR_BUFFER_TOO_LARGE` for a file larger than a Buffer can be. "Durable" means flushed
- * to the disk with `fsync` by the time the function returns.
+ * Every function blocks the calling thread until it is done. It returns, or it throws one
+ * {@link TarvekError} with one of the codes listed for it. Four other exceptions reach the caller
+ * unchanged: those of a test hook, of a stage callback, of a getter on an element of a path, and
+ * those of a replaced `Object.create` or of a setter on `Object.prototype`.
  *
- * Bytes are passed as a `Uint8Array`, which every Buffer is, and are returned as a Buffer. The bytes of
- * other typed arrays are accepted too.
+ * "Flushed" means that `fsync` succeeded before the function returned. Pass exactly the arguments
+ * that are declared: an extra argument is an error.
+ *
+ * A race with another process can make a correct call fail, usually with `PATH_OUT_OF_ROOT`. For
+ * example, a {@link read} fails now and then while another process replaces the file with
+ * {@link write}. Such a call can be repeated.
+ *
+ * Bytes are passed as a `Uint8Array`, such as a Buffer, and are returned as a Buffer. The bytes of
+ * other typed arrays are accepted too. An array that was detached before the call counts as empty.
  */
 
 declare const brand: unique symbol;
@@ -31,19 +38,19 @@ type Buffer = typeof globalThis extends { Buffer: { alloc(size: number): infer B
   : Uint8Array;
 
 /**
- * An open directory, from {@link openRoot} or {@link openRelative}. Opaque: it has no properties,
- * and only these functions take it. Holds one file descriptor until {@link close}; a forgotten
- * handle is closed some time after it was garbage-collected. A handle cannot be sent to another
- * thread.
+ * An open directory, from {@link openRoot} or {@link openRelative}. It has no properties, and only
+ * the functions of this module accept it. It holds one file descriptor until {@link close}. A
+ * forgotten handle is closed some time after it was garbage-collected. A handle cannot be sent to
+ * another thread.
  */
 export interface RootHandle {
   readonly [brand]: 'RootHandle';
 }
 
 /**
- * A path below a root: one directory-entry name an element, at least one element, the last one the
- * entry meant and the others the directories on the way. No element is empty, `.` or `..`, or holds
- * `/`, `\` or NUL. None is ever followed through a symbolic link.
+ * A path below a root, as an array with at least one name. The last name is the entry, the others
+ * are its parent directories. A name is not empty, is not `.` or `..`, and contains no `/`, `\` or
+ * NUL. No name is followed through a symlink. A lone surrogate becomes U+FFFD.
  *
  * @example ['reports', '2024', 'today.json']
  */
@@ -52,14 +59,17 @@ export type Segments = readonly string[];
 /**
  * Why a call failed.
  *
- * - `PATH_OUT_OF_ROOT`: refused, since it would or could reach outside the root: a bad path, a
- *   symbolic link, a file with a second hard link, a wrong file type, a change made meanwhile.
- * - `NOT_FOUND`: the entry, or a directory on the way to it, is not there.
- * - `HANDLE_CLOSED`: the handle is closed, or is none. Some functions report that by another code.
- * - `OPTIMISTIC_CONFLICT`: what is on disk is not what the call was made conditional on.
- * - `CANDIDATE_CHANGED`: the file to publish is no longer the one that was verified.
- * - `FILESYSTEM_FAILURE`: the system refused or failed, or an argument is of the wrong type. A change
- *   whose flush failed is made all the same.
+ * - `PATH_OUT_OF_ROOT`: the call was refused because it could reach outside the root: a wrong path,
+ *   a symlink, a file with a second hard link, a wrong file type, or an entry that was replaced
+ *   during the call. Retry it a few times; after a race, a retry succeeds.
+ * - `NOT_FOUND`: the entry or a parent directory is missing.
+ * - `HANDLE_CLOSED`: the handle is closed, or the value is not a handle. Some functions report this
+ *   with another code.
+ * - `OPTIMISTIC_CONFLICT`: the condition of the call does not hold. Read the present state and
+ *   decide again.
+ * - `CANDIDATE_CHANGED`: the file to publish is not the file that was verified.
+ * - `FILESYSTEM_FAILURE`: the system refused or failed, or an argument has the wrong type. If a
+ *   flush failed, the change itself is visible.
  */
 export type ErrorCode =
   | 'PATH_OUT_OF_ROOT'
@@ -70,8 +80,8 @@ export type ErrorCode =
   | 'FILESYSTEM_FAILURE';
 
 /**
- * What the functions throw: an ordinary `Error` with a `code` and a fixed message, in which no path
- * and no system error text ever stands. There is no class of this name to test with `instanceof`.
+ * What the functions throw: an ordinary `Error` with a `code` and a fixed message. It contains no
+ * path and no system error text. There is no class of this name to use with `instanceof`.
  *
  * @example if ((error as TarvekError).code === 'NOT_FOUND') return undefined;
  */
@@ -79,7 +89,10 @@ export interface TarvekError extends Error {
   readonly code: ErrorCode;
 }
 
-/** The device and inode number that tell a directory from every other on this machine. */
+/**
+ * The device and inode number of a directory. No other directory of this machine has the same pair
+ * at the same time.
+ */
 export interface Identity {
   dev: bigint;
   ino: bigint;
@@ -87,7 +100,7 @@ export interface Identity {
 
 /** A directory, as {@link capture} found it. It has no property `body`. */
 export interface DirectoryRecord {
-  /** Path below the root that the handle stands for, the names joined with `/`. */
+  /** Path below the root, the names joined with `/`. */
   path: string;
   type: 'directory';
   /** The nine permission bits, `0o000` to `0o777`. */
@@ -96,31 +109,31 @@ export interface DirectoryRecord {
 
 /** A regular file, as {@link capture} found it. */
 export interface FileRecord {
-  /** Path below the root that the handle stands for, the names joined with `/`. */
+  /** Path below the root, the names joined with `/`. */
   path: string;
   type: 'file';
   /** The nine permission bits, `0o000` to `0o777`. */
   mode: number;
-  /** The whole content, in memory of the caller's own. */
+  /** The whole content. */
   body: Buffer;
 }
 
-/** One object of {@link capture}; `type` tells which. */
+/** One object in the result of {@link capture}. `type` tells which of the two it is. */
 export type CaptureRecord = DirectoryRecord | FileRecord;
 
 /**
- * The files that {@link snapshot} found: path below the directory, names joined with `/`, to
- * content in memory of the caller's own. It has no prototype, so that a file named `constructor` is
- * an ordinary key: use `Object.keys`, `Object.entries`, `in` and `[path]`, since methods such as
- * `hasOwnProperty` are not there.
+ * The result of {@link snapshot}: the path of each file below the directory, joined with `/`, and
+ * its content. The object has no prototype, so a file named `constructor` is an ordinary key. Use
+ * `Object.keys`, `Object.entries`, `in` and `[path]`. Methods such as `hasOwnProperty` do not
+ * exist.
  */
 export type SnapshotFiles = { [path: string]: Buffer } & {
   readonly [Member in keyof typeof Object.prototype]: never;
 };
 
 /**
- * The moments of one {@link write}, in their order. Up to `before-file-rename` the target holds its
- * old content; from `after-file-rename` on the new one.
+ * The moments of one {@link write}, in their order. Up to `before-file-rename` the file has its old
+ * content. From `after-file-rename` on it has the new content.
  */
 export type WriteStage =
   | 'after-temp-write'
@@ -130,9 +143,9 @@ export type WriteStage =
   | 'after-directory-sync';
 
 /**
- * Called in the middle of a {@link write}. What it throws ends the write and reaches the caller: at
- * the first three stages the target keeps its old content and the temporary file is removed, at the
- * last two the new content stays.
+ * Called in the middle of a {@link write}. What it throws ends the write and reaches the caller. At
+ * the first three stages, the file keeps its old content and the temporary file is removed. At the
+ * last two, the new content stays.
  */
 export type StageCallback = (this: typeof globalThis, stage: WriteStage) => void;
 
@@ -141,20 +154,20 @@ export type StageCallback = (this: typeof globalThis, stage: WriteStage) => void
  *
  * | point | called by | `segment` |
  * |---|---|---|
- * | `root-ancestor-open` | `openRoot`, each directory, opened and not yet checked | its name |
- * | `relative-directory-open` | `openRelative`, the same | its name |
- * | `external-create` | both, just before the handle is made | empty |
- * | `ancestor-open` | all others with segments, each directory on the way, opened, not yet checked | its name |
- * | `pre-effect` | the same, before the way is checked again and the effect begins | last name |
- * | `publish-before-validation` | `publishVerified`, before the candidate is verified | its last name |
- * | `remove-if-equals-open` | `removeIfEquals`, before the file is opened | last name |
- * | `remove-if-equals-unlink` | `removeIfEquals`, compared and not yet removed | last name |
- * | `append-leaf-open` | `append`, before the file is opened | last name |
- * | `append-write` | `append`, before the bytes are written; may return how many at most | last name |
- * | `append-data-fsync` | `append`, before the file is flushed | last name |
- * | `append-directory-fsync` | `append`, before the directory is flushed | last name |
- * | `capture-file-read` | `capture`, each file, read and not yet checked again | whole path |
- * | `capture-directory-read` | `capture`, each directory, after all that is in it | whole path |
+ * | `root-ancestor-open` | `openRoot`, `open`: each directory is open, not checked yet | its name |
+ * | `relative-directory-open` | `openRelative`: the same | its name |
+ * | `external-create` | `openRoot`, `open`, `openRelative`: before the handle is created | empty |
+ * | `ancestor-open` | all others with segments: each parent directory is open, not checked yet | its name |
+ * | `pre-effect` | the same: before the path is proved again and the effect begins | last name |
+ * | `publish-before-validation` | `publishVerified`: before the candidate is verified | its last name |
+ * | `remove-if-equals-open` | `removeIfEquals`: before the file is opened | last name |
+ * | `remove-if-equals-unlink` | `removeIfEquals`: the content was compared, the file is not removed yet | last name |
+ * | `append-leaf-open` | `append`: before the file is opened | last name |
+ * | `append-write` | `append`: before the bytes are written; may return how many at most | last name |
+ * | `append-data-fsync` | `append`: before the file is flushed | last name |
+ * | `append-directory-fsync` | `append`: before the directory is flushed | last name |
+ * | `capture-file-read` | `capture`: each file was read and is not checked again yet | whole path |
+ * | `capture-directory-read` | `capture`: the contents of each directory were read | whole path |
  */
 export type HookPoint =
   | 'root-ancestor-open'
@@ -172,7 +185,7 @@ export type HookPoint =
   | 'capture-file-read'
   | 'capture-directory-read';
 
-/** What the test hook is called with. */
+/** The argument of the test hook. */
 export interface HookEvent {
   point: HookPoint;
   /** The name, or for the `capture-` points the whole path, that the step concerns. */
@@ -185,39 +198,39 @@ export interface HookEvent {
 }
 
 /**
- * A test hook. It may do anything: change the disk, close the handle in use, call these functions
- * again. What it throws ends the operation and reaches its caller. What it returns counts at
- * `append-write` alone, where a number, taken as an unsigned 32-bit integer, limits how many bytes
- * are written, so as to force a short write; 0 fails the append before it wrote.
+ * A test hook. It may do anything: change the disk, close the handle, call tarvek. What it throws
+ * ends the operation and reaches the caller. tarvek calls made inside the hook call the hook again.
+ * Its return value counts only at `append-write`: a number, converted to an unsigned 32-bit
+ * integer, limits how many bytes are written. This forces a short write. 0 makes the append fail
+ * before it writes.
  */
 export type TestHook = (this: typeof globalThis, event: HookEvent) => unknown;
 
 /**
- * Opens a directory as a root. The handle then stands for this very directory, also when it is
- * renamed; the path is not looked at again.
+ * Opens a directory as a root. The handle stands for this directory even after it is renamed.
  *
- * @param path Absolute and in its plain form: not `/` itself, no `//`, `.`, `..` or `\`, no `/` at
- *   the end, and no symbolic link in it (pass `fs.realpathSync(path)` if there may be one).
- * @returns A new handle; {@link close} it.
- * @throws `PATH_OUT_OF_ROOT` The path is not of that form, leads through a link or a file, or was
- *   changed meanwhile.
+ * @param path Absolute. It is not `/`, contains no `//`, `.`, `..` or `\`, does not end with `/`,
+ *   and contains no symlink. Pass `fs.realpathSync(path)` if it may contain one.
+ * @returns A new handle. {@link close} it.
+ * @throws `PATH_OUT_OF_ROOT` The path does not have this form, contains a symlink or something that
+ *   is not a directory, or a directory was replaced during the call.
  * @throws `NOT_FOUND` A directory of the path is missing.
- * @throws `FILESYSTEM_FAILURE` The system refused: every directory of the path must be readable.
+ * @throws `FILESYSTEM_FAILURE` The system refused. Every directory of the path must be readable.
  */
 export function openRoot(path: string): RootHandle;
 
-/** The same as {@link openRoot}, under its shorter name. */
+/** The same as {@link openRoot}, under a shorter name. */
 export function open(path: string): RootHandle;
 
 /**
- * Opens a directory below a root as a root of its own. Closing either leaves the other open.
+ * Opens a directory below a root as a second root. Closing one leaves the other open.
  *
- * @param segments Names the directory.
- * @returns A new handle; {@link close} it.
- * @throws `PATH_OUT_OF_ROOT` Bad segments; or one names a link or no directory, or was replaced
- *   meanwhile.
+ * @param segments The directory.
+ * @returns A new handle. {@link close} it.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments; or a directory is a symlink or not a directory, or was
+ *   replaced during the call.
  * @throws `HANDLE_CLOSED` The handle is closed.
- * @throws `NOT_FOUND` The directory, or one on the way, is missing.
+ * @throws `NOT_FOUND` A directory is missing.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors.
  */
 export function openRelative(handle: RootHandle, segments: Segments): RootHandle;
@@ -225,105 +238,113 @@ export function openRelative(handle: RootHandle, segments: Segments): RootHandle
 /**
  * Closes a handle. Closing it again does nothing.
  *
- * @throws `FILESYSTEM_FAILURE` The argument is no handle, or the system's close failed; the handle
- *   then still counts as open.
+ * @throws `FILESYSTEM_FAILURE` The argument is not a handle, or the system reported an error. After
+ *   such an error, never use the handle again: its descriptor may belong to another file by now.
  */
 export function close(handle: RootHandle): void;
 
 /**
- * Tells which directory a handle stands for, as recorded when it was opened.
+ * Tells which directory the handle was opened on.
  *
- * @returns A new object with the directory's `dev` and `ino`, as `fs.statSync` gives them where it
- *   is asked for BigInts.
- * @throws `HANDLE_CLOSED` The handle is closed.
+ * @returns A new object with `dev` and `ino`, as `fs.statSync(path, { bigint: true })` returns
+ *   them.
+ * @throws `HANDLE_CLOSED` The handle is closed, or the value is not a handle.
  */
 export function rootIdentity(handle: RootHandle): Identity;
 
 /**
- * Tells whether an entry is there, whatever its type.
+ * Tells whether an entry exists, whatever its type.
  *
- * @returns `false` also when a directory on the way is missing.
- * @throws `PATH_OUT_OF_ROOT` Bad segments; or the entry is a link or a file with a second hard
- *   link; or a directory on the way is a link or no directory, or was replaced meanwhile.
+ * @returns `false` if the entry or a parent directory is missing.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments; or the entry is a symlink or a file with a second hard
+ *   link; or a parent is a symlink or not a directory, or was replaced during the call.
  * @throws `HANDLE_CLOSED` The handle is closed.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors.
  */
 export function exists(handle: RootHandle, segments: Segments): boolean;
 
 /**
- * Lists the names in a directory: of every entry, whatever its type, temporary files that a crash
- * left behind included.
+ * Lists the names in a directory: entries of all types, including temporary files that a crash left
+ * behind.
  *
- * @param segments Names the directory; the root's own cannot be named.
- * @returns A new array, ascending by the bytes of the names. Bytes that are not UTF-8 appear as
- *   U+FFFD, and such a name leads to nothing when passed back.
- * @throws `PATH_OUT_OF_ROOT` Bad segments; or one names a link or no directory, or was replaced
- *   meanwhile.
+ * @param segments The directory. The root itself cannot be addressed.
+ * @returns A new array, sorted by the bytes of the names. Bytes that are not UTF-8 appear as
+ *   U+FFFD. Such a name cannot be passed back.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments; or a directory is a symlink or not a directory, or was
+ *   replaced during the call.
  * @throws `HANDLE_CLOSED` The handle is closed.
- * @throws `NOT_FOUND` The directory, or one on the way, is missing.
+ * @throws `NOT_FOUND` The directory or a parent is missing.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory.
  */
 export function list(handle: RootHandle, segments: Segments): string[];
 
 /**
- * Reads files and whole directories into memory, and fails if anything in them changes meanwhile.
+ * Reads files and whole directories into memory. Fails if anything in them changes during the call.
  *
- * @param paths At least one; each names a file or a directory, taken with all that is beneath it.
+ * @param paths At least one path. Each is a file, or a directory with everything below it. No file
+ *   may be reached twice.
  * @returns A new array with a record for every directory and every file: the paths in their order,
- *   a directory before what is in it, names ascending by their bytes.
- * @throws `PATH_OUT_OF_ROOT` Bad paths or a closed handle; or, as the message says, anything met is
- *   a link, a file with a second hard link or neither file nor directory, is a file met before, or
- *   changed; or a directory on the way is a link or no directory, or was replaced meanwhile.
- * @throws `NOT_FOUND` A path, or a directory on the way, is missing; or an entry vanished
- *   meanwhile.
- * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory.
+ *   a directory before its contents, names sorted by their bytes.
+ * @throws `PATH_OUT_OF_ROOT` Wrong paths or a closed handle. Or, as the message tells: an entry is
+ *   a symlink, a file with a second hard link, or neither a file nor a directory; a file was
+ *   reached twice; or something changed during the call. Or a parent is a symlink or not a
+ *   directory, or was replaced.
+ * @throws `NOT_FOUND` A path or a parent directory is missing, or an entry vanished during the
+ *   call.
+ * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory; or a file is
+ *   larger than a Buffer can be.
  */
 export function capture(handle: RootHandle, paths: readonly Segments[]): CaptureRecord[];
 
 /**
- * Reads every file beneath a directory into memory. Lighter than {@link capture}: that files and
- * directories change meanwhile goes unnoticed.
+ * Reads all files below a directory into memory. Unlike {@link capture}, it does not notice most
+ * changes during the call: a file can come back with old and new bytes.
  *
- * @param segments Names the directory.
- * @returns A new object without a prototype, path below the directory to content.
- * @throws `PATH_OUT_OF_ROOT` Bad segments; or one names a link or no directory, or was replaced
- *   meanwhile; or anything beneath is a link, a file with a second hard link or neither file nor
- *   directory, or was replaced meanwhile.
+ * @param segments The directory.
+ * @returns A new object without a prototype: path below the directory to content. Two names that
+ *   differ only in bytes that are not UTF-8 share one key. The last one stays.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments; or a directory is a symlink or not a directory, or was
+ *   replaced during the call; or an entry below it is a symlink, a file with a second hard link,
+ *   neither a file nor a directory, or was replaced while it was opened.
  * @throws `HANDLE_CLOSED` The handle is closed.
- * @throws `NOT_FOUND` The directory, or one on the way, is missing; or an entry vanished meanwhile.
- * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory.
+ * @throws `NOT_FOUND` The directory or a parent is missing, or an entry vanished during the call.
+ * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory; or a file is
+ *   larger than a Buffer can be.
  */
 export function snapshot(handle: RootHandle, segments: Segments): SnapshotFiles;
 
 /**
- * Reads a regular file.
+ * Reads a regular file, up to its size when it was opened.
  *
- * @returns A new Buffer with the content, of the length that the file had when it was opened.
- * @throws `PATH_OUT_OF_ROOT` Bad segments; or it is a link, has a second hard link or is no regular
- *   file; or a directory on the way is a link or no directory, or was replaced meanwhile.
+ * @returns A new Buffer with the content.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments; or the entry is a symlink, has a second hard link or
+ *   is not a regular file; or a parent is a symlink or not a directory, or was replaced during the
+ *   call. Also if another process replaced the file with {@link write} at this moment: retry.
  * @throws `HANDLE_CLOSED` The handle is closed.
- * @throws `NOT_FOUND` The file, or a directory on the way, is missing.
- * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory.
+ * @throws `NOT_FOUND` The file or a parent directory is missing.
+ * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory; or the file is
+ *   larger than a Buffer can be.
  */
 export function read(handle: RootHandle, segments: Segments): Buffer;
 
 /**
- * Replaces a file atomically, or makes it: readers see the old content or the new, never a mixture.
- * Missing directories are made, with mode 0700. The file's mode becomes 0600, and its owner this
- * process's, whatever they were. Both modes are before the umask.
+ * Replaces a file atomically, or creates it: the file has the old content or the new, never a
+ * mixture. Creates missing parent directories with mode 0700. The file gets mode 0600 and belongs
+ * to this process, whatever the old file had. Both modes are before the umask.
  *
- * Durable: the content, the name, and every directory made.
+ * Flushed: the content, the name, and every new directory.
  *
- * @param body Read during the call only.
- * @param stage Called at the five moments of {@link WriteStage}. Leave it out for none: passing
+ * @param body Used during the call only.
+ * @param stage Called at the five moments of {@link WriteStage}. Leave it out if you need none:
  *   `undefined` is an error.
- * @throws `PATH_OUT_OF_ROOT` Bad segments or a closed handle; or the target is a link, has a second
- *   hard link or is no regular file; or a directory on the way is a link or no directory, or was
- *   replaced meanwhile.
- * @throws `NOT_FOUND` The directory or the temporary file vanished meanwhile.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments or a closed handle; or the entry is a symlink, has a
+ *   second hard link or is not a regular file; or a parent is a symlink or not a directory, or was
+ *   replaced during the call. The file keeps its old content.
+ * @throws `NOT_FOUND` The directory or the temporary file was removed during the call. The file
+ *   keeps its old content.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush; or `body` is
- *   no Uint8Array or changed its memory meanwhile, or `stage` is no function. The target keeps its old
- *   content, unless it was the flush of the directory, the last step, that failed.
+ *   not a Uint8Array or lost its memory during the call, or `stage` is not a function. The file
+ *   keeps its old content, unless the last step failed, the flush of the directory.
  */
 export function write(
   handle: RootHandle,
@@ -333,21 +354,22 @@ export function write(
 ): void;
 
 /**
- * Makes a file that must not exist yet. Missing directories are made, with mode 0700, the file with
- * mode 0600, before the umask.
+ * Creates a file; fails if it exists. Creates missing parent directories with mode 0700. The file
+ * gets mode 0600. Both modes are before the umask.
  *
- * Durable: the content, the name, and every directory made. The file is written in place, and one
- * that could not be written whole stays for the caller to judge.
+ * Flushed: the content, the name, and every new directory. The file is written in place. A file
+ * that could not be written completely stays.
  *
- * @param body Read during the call only.
- * @param stage Checked, for likeness with {@link write}, and never called.
+ * @param body Used during the call only.
+ * @param stage Accepted for likeness with {@link write}, and never called.
  * @throws `OPTIMISTIC_CONFLICT` An entry of that name exists.
- * @throws `PATH_OUT_OF_ROOT` Bad segments or a closed handle; or the entry is a link or a file with
- *   a second hard link; or a directory on the way is a link or no directory, or was replaced
- *   meanwhile.
- * @throws `NOT_FOUND` The directory vanished meanwhile.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments or a closed handle; or the entry is a symlink or a file
+ *   with a second hard link; or a parent is a symlink or not a directory, or was replaced during
+ *   the call.
+ * @throws `NOT_FOUND` The directory was removed during the call.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush; or `body` is
- *   no Uint8Array or changed its memory meanwhile, or `stage` is no function.
+ *   not a Uint8Array or lost its memory during the call, or `stage` is not a function. The file may
+ *   exist with a part of `body`.
  */
 export function create(
   handle: RootHandle,
@@ -357,24 +379,26 @@ export function create(
 ): void;
 
 /**
- * Adds bytes to the end of a file if it has not shrunk below what the caller knows of it. A missing
- * file, for which both sizes must be 0, is made with mode 0600 in directories made with mode 0700,
- * before the umask. Others may append meanwhile: a file that is longer than stated is accepted.
+ * Adds bytes to the end of a file, or creates it. Fails if the file is shorter than `expectedSize`.
+ * A longer file is accepted, so others may append as well. A new file gets mode 0600 and new parent
+ * directories get mode 0700, both before the umask.
  *
- * Durable: the bytes, the name, and every directory made.
+ * Flushed: the bytes, the name, and every new directory.
  *
- * Both sizes are taken as whole numbers: a fraction is cut off, and `NaN` and infinity count as 0.
+ * Sizes are converted to whole numbers: a fraction is cut off, and `NaN` and infinity count as 0.
  *
- * @param expectedSize Bytes, not below `minimumSize`: the file must be at least this long.
- * @param minimumSize Bytes, not negative: the file must be at least this long, too.
- * @param body Read during the call only; one call writes at most 2 GiB - 4 KiB.
- * @throws `OPTIMISTIC_CONFLICT` The file is shorter than a size. One that was missing now is empty.
- * @throws `PATH_OUT_OF_ROOT` The file is a link, has a second hard link or is no regular file; or
- *   it, or a directory on the way, was replaced meanwhile; or such a directory is a link or none.
- * @throws `NOT_FOUND` The file or its directory vanished meanwhile.
- * @throws `FILESYSTEM_FAILURE` Any argument is bad, a closed handle included, or `body` changed its
- *   memory meanwhile; or the system refused: permission, space, a failed flush. The file may then
- *   end in a part of `body`.
+ * @param expectedSize The file must have at least this many bytes. 0 if the file may be missing.
+ * @param minimumSize From 0 to `expectedSize`. It has no further effect.
+ * @param body Used during the call only. One call writes at most 2 GiB - 4 KiB.
+ * @throws `OPTIMISTIC_CONFLICT` The file is shorter than `expectedSize`. If it was missing, an
+ *   empty file now exists.
+ * @throws `PATH_OUT_OF_ROOT` The file is a symlink, has a second hard link or is not a regular
+ *   file; or a parent is a symlink or not a directory; or one of them was replaced during the call,
+ *   for example by {@link write}: retry. Nothing was appended.
+ * @throws `NOT_FOUND` The file or its directory vanished during the call. Nothing was appended.
+ * @throws `FILESYSTEM_FAILURE` A wrong argument or a closed handle; or `body` lost its memory
+ *   during the call; or the system refused: permission, space, a failed flush. The file may end
+ *   with a part of `body`, or with all of it. Look before you retry.
  */
 export function append(
   handle: RootHandle,
@@ -385,34 +409,34 @@ export function append(
 ): void;
 
 /**
- * Makes a directory and every missing one on the way, with mode 0700 before the umask. One that
- * exists is taken as it is.
+ * Creates a directory and its missing parent directories with mode 0700, before the umask. Accepts
+ * a directory that exists.
  *
- * Durable: every directory made; nothing is flushed for those that existed.
+ * Flushed: every new directory. Nothing is flushed for a directory that exists.
  *
- * @throws `PATH_OUT_OF_ROOT` Bad segments; or one names a link or no directory, or was replaced
- *   meanwhile.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments; or one names a symlink or something that is not a
+ *   directory, or was replaced during the call.
  * @throws `HANDLE_CLOSED` The handle is closed.
- * @throws `NOT_FOUND` A directory on the way vanished meanwhile.
- * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush; or somebody
- *   else made the directory at the same moment, and the next call finds it.
+ * @throws `NOT_FOUND` A parent directory was removed during the call.
+ * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush. Also if
+ *   another process created the directory at this moment: retry.
  */
 export function ensureDirectory(handle: RootHandle, segments: Segments): void;
 
 /**
- * Makes a symbolic link to a directory below the same root, with a relative text that climbs from
- * the link to the root and goes down from there. Missing directories on the way to the link are
- * made, with mode 0700 before the umask. Nothing is ever replaced.
+ * Creates a symlink to a directory below the same root. Its relative text climbs from the link to
+ * the root and goes down from there. Creates missing parent directories of the link with mode 0700,
+ * before the umask. Never replaces an entry.
  *
- * Durable: the link and every directory made.
+ * Flushed: the link and every new directory.
  *
- * @param link Names the link.
- * @param target Names the directory that it points at.
- * @returns `true` if this call made the link, `false` if exactly this link was there.
- * @throws `OPTIMISTIC_CONFLICT` Something else is in the link's place.
- * @throws `PATH_OUT_OF_ROOT` Bad segments or a closed handle; or the target, or a directory on the
- *   way to it or to the link, is a link or no directory, or was replaced meanwhile.
- * @throws `NOT_FOUND` The target, or a directory on the way to it, is missing.
+ * @param link The link.
+ * @param target The directory that the link leads to.
+ * @returns `true` if this call created the link, `false` if the same link existed.
+ * @throws `OPTIMISTIC_CONFLICT` Another entry has the name of the link.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments or a closed handle; or the target, or a parent of the
+ *   target or of the link, is a symlink or not a directory, or was replaced during the call.
+ * @throws `NOT_FOUND` The target or one of its parents is missing.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush.
  */
 export function ensureRelativeSymlink(
@@ -422,80 +446,81 @@ export function ensureRelativeSymlink(
 ): boolean;
 
 /**
- * Removes a file, or a directory with all that is beneath it. There is no roll-back: what was
- * removed before a refusal or failure stays removed.
+ * Removes a file, or a directory with all its contents. There is no undo: what was removed before a
+ * failure is gone.
  *
- * Durable: the removal.
+ * Flushed: the removal.
  *
- * @throws `PATH_OUT_OF_ROOT` Bad segments; or the entry, or anything beneath it, is a link or a
- *   file with a second hard link; or a directory on the way is a link or no directory, or was
- *   replaced meanwhile.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments; or the entry, or one below it, is a symlink or a file
+ *   with a second hard link; or a parent is a symlink or not a directory, or was replaced during
+ *   the call.
  * @throws `HANDLE_CLOSED` The handle is closed.
- * @throws `NOT_FOUND` The entry, or a directory on the way, is missing; or something vanished
- *   meanwhile.
- * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, a failed flush, or a
- *   directory that is a mount point or filled again meanwhile.
+ * @throws `NOT_FOUND` The entry or a parent directory is missing, or an entry vanished during the
+ *   call.
+ * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, a failed flush; or a
+ *   directory is a mount point, or got a new entry during the call.
  */
 export function remove(handle: RootHandle, segments: Segments): void;
 
 /**
- * Removes a regular file if its whole content is what the caller expects, and nothing about it
- * changes while that is found out.
+ * Removes a regular file if `expected` is its whole content and nothing about the file changes
+ * during the comparison.
  *
- * Durable: the removal.
+ * Flushed: the removal.
  *
- * @param expected The whole content; read during the call only.
- * @throws `OPTIMISTIC_CONFLICT` The content differs, or the file changed meanwhile. It stays.
- * @throws `PATH_OUT_OF_ROOT` It is a link, has a second hard link or is no regular file; or a
- *   directory on the way is a link or no directory, or was replaced meanwhile.
- * @throws `NOT_FOUND` The file, or a directory on the way, is missing.
- * @throws `FILESYSTEM_FAILURE` Any argument is bad, a closed handle included, or `expected` changed
- *   its memory meanwhile; or the system refused: permission, a failed flush.
+ * @param expected The whole content. Used during the call only.
+ * @throws `OPTIMISTIC_CONFLICT` The content differs, or the file changed during the call. It stays.
+ * @throws `PATH_OUT_OF_ROOT` The entry is a symlink, has a second hard link or is not a regular
+ *   file; or a parent is a symlink or not a directory, or was replaced during the call.
+ * @throws `NOT_FOUND` The file or a parent directory is missing.
+ * @throws `FILESYSTEM_FAILURE` A wrong argument or a closed handle; or `expected` lost its memory
+ *   during the call; or the system refused: permission, a failed flush.
  */
 export function removeIfEquals(handle: RootHandle, segments: Segments, expected: Uint8Array): void;
 
 /**
- * Renames a file or a directory within a root. Missing directories on the way to the new place are
- * made, with mode 0700 before the umask, and stay if the move then fails. The new place must be
- * free when it is looked at; what appears there between the look and the rename can be replaced.
+ * Renames a file or a directory within a root. Creates missing parent directories of the new place
+ * with mode 0700, before the umask. They stay if the move then fails. The new place must be free
+ * when the call looks at it. An entry that appears between this look and the rename can be
+ * replaced.
  *
- * Durable: the new name, the old one's absence, and every directory made.
+ * Flushed: the new name, the removal of the old one, and every new directory.
  *
- * @throws `OPTIMISTIC_CONFLICT` An entry is in the new place.
- * @throws `PATH_OUT_OF_ROOT` Bad segments or a closed handle; or either entry is a link or a file
- *   with a second hard link; or a directory on either way is a link or no directory, or was
- *   replaced meanwhile.
- * @throws `NOT_FOUND` The entry to move, or a directory on the way to it, is missing.
+ * @throws `OPTIMISTIC_CONFLICT` An entry is at the new place.
+ * @throws `PATH_OUT_OF_ROOT` Wrong segments or a closed handle; or either entry is a symlink or a
+ *   file with a second hard link; or a parent is a symlink or not a directory, or was replaced
+ *   during the call.
+ * @throws `NOT_FOUND` The entry or one of its parent directories is missing.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush, another file
  *   system, a directory into itself.
  */
 export function move(handle: RootHandle, from: Segments, to: Segments): void;
 
 /**
- * Gives a file its final name if it still is exactly what the caller verified: the file behind a
- * descriptor that the caller holds, under its only name, with the expected content. Never replaces
- * an entry. Missing directories on the way to the new name are made, with mode 0700 before the
- * umask. A crash can leave the file under both names.
+ * Gives a file its final name if it is still exactly what the caller verified: the file behind the
+ * caller's descriptor, with only one name, and with the expected content. Never replaces an entry.
+ * Creates missing parent directories of the new name with mode 0700, before the umask. A crash can
+ * leave the file under both names.
  *
- * Durable: the new name, the old one's absence, and every directory made; not the content, which
- * the caller flushes or makes with {@link create} or {@link write}.
+ * Flushed: the new name, the removal of the old one, and every new directory. The content is not
+ * flushed: create the file with {@link create} or {@link write}, or flush it yourself.
  *
- * @param candidateFd A descriptor opened read-only on the candidate. Borrowed: it stays open, and
- *   its position is not moved. Taken as a 32-bit integer: a fraction is cut off, larger numbers wrap
- *   around, and `NaN` and infinity count as 0.
- * @param candidate Names the file.
+ * @param candidateFd A descriptor that was opened read-only on the candidate. It stays open, and
+ *   its offset does not move. Converted to a 32-bit integer: a fraction is cut off, larger numbers
+ *   wrap around, and `NaN` and infinity count as 0.
+ * @param candidate The file.
  * @param destination Its final name.
- * @param expected The whole content; read during the call only.
+ * @param expected The whole content. Used during the call only.
  * @throws `CANDIDATE_CHANGED` The candidate is missing or is not the verified file, or the
  *   descriptor is not read-only.
- * @throws `OPTIMISTIC_CONFLICT` An entry has the final name; the candidate stays.
- * @throws `PATH_OUT_OF_ROOT` Any argument is bad, a closed handle included; or a directory on
- *   either way is a link or no directory, or was replaced meanwhile.
- * @throws `NOT_FOUND` A directory on the way to the candidate is missing, or a name vanished
- *   meanwhile.
- * @throws `FILESYSTEM_FAILURE` `expected` changed its memory meanwhile; or the system refused:
+ * @throws `OPTIMISTIC_CONFLICT` An entry has the final name. The candidate stays.
+ * @throws `PATH_OUT_OF_ROOT` A wrong argument or a closed handle; or a parent is a symlink or not a
+ *   directory, or was replaced during the call.
+ * @throws `NOT_FOUND` A parent directory of the candidate is missing, or a name vanished during the
+ *   call.
+ * @throws `FILESYSTEM_FAILURE` `expected` lost its memory during the call; or the system refused:
  *   permission, space, another file system, a failed flush. The candidate keeps its name and has no
- *   other, unless it was a flush, the last step, that failed.
+ *   other one, unless the last step failed, a flush.
  */
 export function publishVerified(
   handle: RootHandle,
@@ -507,22 +532,22 @@ export function publishVerified(
 
 /**
  * For tests: installs the callback that every function calls at its {@link HookPoint}s, or removes
- * it. There is one for each JavaScript thread, and it stays until it is replaced or removed.
+ * it. There is one hook for each JavaScript thread.
  *
  * @param hook Left out, `undefined` or `null`: no hook.
- * @throws `FILESYSTEM_FAILURE` The argument is anything else; no hook is installed then.
+ * @throws `FILESYSTEM_FAILURE` The argument is anything else. No hook is installed then.
  */
 export function setTestHook(hook?: TestHook | null): void;
 
 /**
- * For tests: swaps two entries of the root's own directory in one step, of whatever type they are.
- * Makes none of the other functions' checks and flushes nothing.
+ * For tests: swaps two entries directly in the root, in one step, whatever their types. Makes none
+ * of the checks of the other functions and flushes nothing.
  *
  * @param nameA The name of one entry, not a path.
- * @param nameB The name of the other.
- * @throws `PATH_OUT_OF_ROOT` A bad name or a closed handle.
+ * @param nameB The name of the other entry.
+ * @throws `PATH_OUT_OF_ROOT` A wrong name or a closed handle.
  * @throws `NOT_FOUND` An entry is missing.
- * @throws `FILESYSTEM_FAILURE` The system refused, or the file system cannot exchange.
+ * @throws `FILESYSTEM_FAILURE` The system refused, or the file system cannot exchange entries.
  */
 export function exchangeForTest(handle: RootHandle, nameA: string, nameB: string): void;
 
