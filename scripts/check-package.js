@@ -26,7 +26,7 @@ const PROGRAMS = path.join(__dirname, 'check-package', 'programs');
 const CONTENTS = [
   /^(CMakeLists\.txt|CMakePresets\.json|package\.json|LICENSE)$/,
   /^(README|CHANGELOG|CONTRIBUTING|SECURITY)\.md$/,
-  /^docs\/\w+\.md$/,
+  /^docs\/(\w+\.md|performance\.svg)$/,
   /^(index\.js|index\.d\.ts|load\.js)$/,
   /^addon\/(\w+\.(cc|h)|exports\.map)$/,
   /^(confine|tree)\/\w+\.(cc|h)$/,
