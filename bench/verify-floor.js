@@ -36,7 +36,7 @@ function act(base) {
   }
 }
 
-// Without the parts of a line that may differ.
+// A line without what may differ in it.
 const comparable = (line) =>
   line
     .replace(/\d+<([^>]*)>/g, '<$1>')

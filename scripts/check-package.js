@@ -2,7 +2,7 @@
 
 // Checks the package as its users get it: packs it, lints it and installs it from a lock file, without
 // scripts, into an empty folder. There it is compiled against, run in every runtime, compiled to
-// CommonJS, bundled, refused where it cannot be loaded, and rebuilt. The parts are in check-package/.
+// CommonJS, bundled, refused where it cannot be loaded, and rebuilt. Its steps are in check-package/.
 //
 // The tools, 1.4 GB with a lock file of their own, stay in build/check-package.
 

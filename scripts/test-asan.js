@@ -37,7 +37,7 @@ function runTests(files) {
   return spawnSync(process.execPath, ['--test', ...files], { env, stdio: 'inherit' }).status;
 }
 
-// A leak belongs to whoever called into the runtime libraries. The C library keeps no frame pointers,
+// A leak belongs to the first caller outside the runtime libraries. The C library keeps no frame pointers,
 // so who made it allocate (a directory stream, say) is often not known: that counts as ours.
 function isOurs(leak) {
   const isLibrary = (frame) => /^ +#\d+ \S+\/lib(asan|c|stdc\+\+)\.so\S* /.test(frame);

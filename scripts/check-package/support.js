@@ -1,6 +1,6 @@
 'use strict';
 
-// What the parts of scripts/check-package.js share: where the tools are, and how a command is run.
+// What the steps of scripts/check-package.js share: where the tools are, and how a command is run.
 
 const { spawnSync } = require('node:child_process');
 const path = require('node:path');

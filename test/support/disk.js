@@ -2,7 +2,7 @@
 
 // A model of a disk on which recorded calls are replayed, and of what a crash leaves on it.
 //
-// A name lasts only once its directory is flushed, and bytes once their file is; what is not
+// A name lasts only once its directory is flushed, and bytes once their file is; a change that is not
 // flushed has reached the disk or has not. A rename has reached it whole or not at all. There are
 // three kinds of disk:
 //
