@@ -14,7 +14,7 @@ constexpr size_t kShortStringBytes = 256;
 // than the room by up to this many bytes.
 constexpr size_t kLongestCharacterBytes = 4;
 
-// The length of a segment array is only a claim: a sparse array can claim 2^32 - 1 elements.
+// The length of a segment array can be far larger than its content: up to 2^32 - 1.
 constexpr uint32_t kUsualDepth = 8;
 
 void GetLongString(napi_env env, napi_value value, std::string* out) {
@@ -34,8 +34,8 @@ bool IsSegment(const std::string& name) {
 
 }  // namespace
 
-// The statuses below fail for a null value, which a throwing getter leaves. They are checked so
-// that an output that was never written is not used.
+// The calls below fail for a null value, which a getter that throws leaves. Their statuses are
+// checked so that an output that was never written is not used.
 
 bool IsType(napi_env env, napi_value value, napi_valuetype expected) {
   napi_valuetype type = napi_undefined;

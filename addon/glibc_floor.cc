@@ -1,10 +1,10 @@
 // Keeps the module loadable wherever Node itself is: on glibc 2.28 and the C++ library of its time.
 //
-// A symbol is bound in the newest version that the building machine's libraries offer, and a loader
-// that lacks this version refuses the module. Three symbols used here are newer than that floor.
-// Each is defined below, hidden, by what has been there since long before, so that every other file
-// calls ::fstat and ::fstatat and uses std::vector in the ordinary way. scripts/check-symbols.js
-// fails when another symbol rises above the floor.
+// A symbol is bound in the newest version that the building machine's libraries offer, and a system
+// whose libraries lack this version refuses the module. Three symbols used here are newer than that
+// floor. Each is defined below as a hidden function, so that every other file calls ::fstat and
+// ::fstatat and uses std::vector in the ordinary way. The first two call older functions of glibc.
+// scripts/check-symbols.js fails when another symbol rises above the floor.
 //
 // The first two are known for the processors that binaries are packed for, x86-64 and arm64. On any
 // other processor the module needs the libraries that it was built with.
@@ -59,7 +59,7 @@ __attribute__((visibility("hidden"))) int fstatat(int fd, const char* file, stru
 namespace std {
 
 // Called by new[] and by the standard containers for a length that no memory can hold. The library
-// exports it since GCC 11 only (GLIBCXX_3.4.29). No list that one call builds comes near it.
+// exports it since GCC 11 only (GLIBCXX_3.4.29). No list in this module comes near that length.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
 __attribute__((visibility("hidden"))) void __throw_bad_array_new_length() {
   throw bad_array_new_length();

@@ -2,9 +2,9 @@
 // call it at named points, so that a test can make a hostile change at an exact moment.
 //
 // The callback runs in the middle of an operation and may do anything: change the disk, close the
-// handle in use, call the module again, install another hook. So an operation keeps no pointer
-// across a hook point that the callback could invalidate, and checks a Buffer's memory again after
-// the last one.
+// handle in use, call the module again, install another hook. So an operation reads the
+// handle's descriptor anew after each hook point, and checks a Buffer's memory again after the last
+// one.
 #pragma once
 
 #include <node_api.h>

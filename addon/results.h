@@ -10,7 +10,7 @@
 namespace tarvek {
 
 // Frees the handles made while it lives. The collector visits every handle on each run, and it runs
-// often while a large result is made. This pays where an element takes several handles. Where it
+// often while a large result is made. Use it where an element takes several handles. Where it
 // takes one, opening and closing the scope costs more.
 class HandleScope {
  public:

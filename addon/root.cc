@@ -74,7 +74,7 @@ napi_value BigInt(napi_env env, uint64_t value) {
   return result;
 }
 
-// Takes ownership of the record and returns its handle. On failure frees the record, and returns
+// Takes ownership of the record and returns its handle. On failure frees the record and returns
 // null with an exception pending.
 napi_value RootExternal(napi_env env, std::unique_ptr<Root> root) {
   if (!Hook(env, "external-create", "", 0)) return nullptr;

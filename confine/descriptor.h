@@ -1,4 +1,4 @@
-// An owned file descriptor, the only way to open a directory, and the modes of new entries.
+// An owned file descriptor, how a directory is opened by name, and the modes of new entries.
 #pragma once
 
 #include <fcntl.h>

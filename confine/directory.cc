@@ -18,7 +18,7 @@ namespace tarvek {
 namespace {
 
 // Returns an empty descriptor with errno set. A directory that another process creates meanwhile is
-// used as well, but `made` stays false: its creator flushes it.
+// used as well, but `made` stays false: its creator must flush it.
 Descriptor OpenOrMake(int dirFd, const char* name, bool create, bool* made) {
   Descriptor opened = OpenDirectoryAt(dirFd, name);
   if (opened.IsOpen() || errno != ENOENT || !create) return opened;
@@ -27,7 +27,8 @@ Descriptor OpenOrMake(int dirFd, const char* name, bool create, bool* made) {
   return OpenDirectoryAt(dirFd, name);
 }
 
-// Fires the hook between the open and the second look, where an attacker would strike.
+// Fires the hook between the open and the second look, when another process could replace the
+// directory.
 bool ConfirmOpened(napi_env env, const char* point, int dirFd, const std::string& name,
                    uint32_t index, const Descriptor& directory, Identity* identity) {
   struct stat opened;

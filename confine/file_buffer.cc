@@ -13,39 +13,57 @@ namespace tarvek {
 
 namespace {
 
-// Up to this size, a Buffer that exists early costs the collector more than a copy costs later.
+// Up to this size, a copy at the end costs less than a Buffer made early, because the collector
+// visits every early Buffer again and again.
 constexpr size_t kSmallBody = size_t{2} << 10;
 
-// Node ends the process when it cannot get the memory of a Buffer. Below this size the question is
-// not worth asking: the engine's own heap fails at that point as well.
-constexpr size_t kAskFrom = size_t{64} << 10;
-
-// The C library serves a request above 32 MiB with a mapping of its own, whatever came before.
-constexpr size_t kOwnMappingFrom = (size_t{32} << 20) + 1;
+// From this size on glibc can serve a request with a mapping, and above the second size it always
+// does. Then the block begins 16 bytes after the start of a page.
+constexpr size_t kMappingFrom = size_t{128} << 10;
+constexpr size_t kMappingAbove = size_t{32} << 20;
+constexpr uintptr_t kPage = 4096;
+constexpr uintptr_t kMappingHeader = 16;
 constexpr uintptr_t kLargePage = uintptr_t{2} << 20;
 
-// Asks for the memory first, so that its absence is an ordinary failure. Another thread can still
-// take the memory in between.
-void RequireMemory(size_t length) {
-  if (length < kAskFrom) return;
-  // volatile, or the compiler sees that the memory is not used and removes the question.
-  void* volatile room = std::malloc(length);
-  if (room == nullptr) throw std::bad_alloc();
-  std::free(room);
+bool CanMap(size_t length) {
+  void* const room =
+      ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return room != MAP_FAILED && ::munmap(room, length) == 0;
 }
 
-// Most of the time of a large read goes into page faults, and large pages cause fewer. The advice
-// ends with the mapping, and so with the Buffer. Memory from a heap that the C library keeps would
-// stay marked for good and make the process larger. A kernel without large pages refuses.
+bool CanAllocate(size_t length) {
+  // volatile, or the compiler sees that the memory is not used and removes both calls.
+  void* volatile room = std::malloc(length);
+  std::free(room);
+  return room != nullptr;
+}
+
+// Node ends the process when it cannot get the memory of a Buffer. A trial allocation turns that
+// into an ordinary failure. Another thread can still take the memory in between. For large sizes
+// the trial is a mapping: a malloc would make glibc serve the Buffer from a heap that it keeps, and
+// the process would stay as large after the Buffer is gone.
+void RequireMemory(size_t length) {
+  const bool available = length < kMappingFrom ? CanAllocate(length) : CanMap(length);
+  if (!available) throw std::bad_alloc();
+}
+
+bool HasOwnMapping(const void* data, size_t length) {
+  return length > kMappingAbove && reinterpret_cast<uintptr_t>(data) % kPage == kMappingHeader;
+}
+
+// Page faults take most of the time of a large read, and large pages cause fewer. The advice stays
+// with the mapping, so it is given only where the mapping goes with the Buffer: other allocators
+// keep theirs, and the process would hold more memory for good. A kernel without large pages
+// refuses, which does no harm.
 void PreferLargePages(void* data, size_t length) {
-  if (length < kOwnMappingFrom) return;
+  if (!HasOwnMapping(data, length)) return;
   auto* const bytes = static_cast<uint8_t*>(data);
   const uintptr_t gap = -reinterpret_cast<uintptr_t>(bytes) % kLargePage;
   (void)::madvise(bytes + gap, (length - gap) / kLargePage * kLargePage, MADV_HUGEPAGE);
 }
 
-// The runtime raises an exception of its own for a length that no Buffer can have. Callers are
-// promised none but the module's.
+// The runtime throws an error of its own for a length that no Buffer can have. It is replaced,
+// because callers are promised only the module's errors.
 bool RefuseBuffer(napi_env env) {
   napi_value exception = nullptr;
   napi_get_and_clear_last_exception(env, &exception);
@@ -93,10 +111,10 @@ bool ReadFileBody(napi_env env, int fd, off_t size, FileBody* body) {
 }
 
 napi_value BodyBuffer(napi_env env, const FileBody& body) {
-  napi_value buffer = body.buffer;
-  if (buffer == nullptr) {
-    napi_create_buffer_copy(env, body.length, body.bytes.get(), nullptr, &buffer);
-  }
+  if (body.buffer != nullptr) return body.buffer;
+  napi_value buffer = nullptr;
+  RequireMemory(body.length);
+  napi_create_buffer_copy(env, body.length, body.bytes.get(), nullptr, &buffer);
   return buffer;
 }
 

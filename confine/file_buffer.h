@@ -1,13 +1,13 @@
 // A regular file's bytes, on their way into the Buffer that JavaScript receives.
 //
-// Both functions read from the descriptor's offset until `size` bytes are there or the file ends.
-// A file that ends early yields a shorter Buffer, and a file that grows meanwhile is not followed.
-// Memory that no read has filled never reaches JavaScript.
+// ReadFileBuffer and ReadFileBody read from the descriptor's offset until `size` bytes are there or
+// the file ends. A file that ends early yields a shorter Buffer, and a file that grows meanwhile is
+// not followed. Memory that no read has filled never reaches JavaScript.
 //
 // The runtime owns a Buffer's memory from the start. A handle of the running call keeps the Buffer
 // alive; after a failure nothing else refers to it, and the collector frees it.
 //
-// Both return false after throwing, and throw std::bad_alloc if there is no memory.
+// They return false after throwing. All three throw std::bad_alloc if there is no memory.
 #pragma once
 
 #include <node_api.h>
@@ -33,7 +33,7 @@ struct FileBody {
 
 bool ReadFileBody(napi_env env, int fd, off_t size, FileBody* body);
 
-// The Buffer with the content. Null if an exception is pending that the runtime raised.
+// The Buffer with the content. Null if an exception is pending.
 napi_value BodyBuffer(napi_env env, const FileBody& body);
 
 }  // namespace tarvek

@@ -1,6 +1,6 @@
 // Checks that an object on disk is still the same. They compare what the kernel reports: device and
-// inode, and where content matters also times, size and link count. They never trust an earlier
-// look at a name.
+// inode, and where content matters also times, size and link count. An earlier look at a name
+// proves nothing by itself, so each check asks the kernel again.
 #pragma once
 
 #include <node_api.h>
@@ -19,7 +19,7 @@ struct Identity {
   uint64_t dev = 0;
   uint64_t ino = 0;
 
-  // Both: inode numbers are unique within one file system or subvolume only.
+  // Compares both, because inode numbers are unique only within one file system or subvolume.
   bool operator==(const Identity&) const = default;
 };
 

@@ -3,9 +3,10 @@
 //
 //   OpenParent   walks to the parent directory, checks every step and records it
 //   PreEffect    fires "pre-effect", then validates the recorded chain
-//   ...          stats the leaf by its name in parent.fd, and acts
+//   ...          looks at the leaf by its name in parent.fd, and acts
 //
-// Functions here that take `env` return false after throwing, and the operation only returns.
+// Functions here that take `env` return false after throwing, and the operation then returns at
+// once.
 #pragma once
 
 #include <node_api.h>

@@ -61,20 +61,20 @@ Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
   return file;
 }
 
-// Whether the descriptor and the name are the same regular file with one link, and also the file of
-// the first look, if there was one.
-bool IsTheFileNamed(const struct stat& opened, const struct stat& named,
-                    const struct stat& before) {
+// Whether the descriptor and the name are the same regular file with one link and, if the file
+// existed at the first look, the same file as then.
+bool IsNamedFile(const struct stat& opened, const struct stat& named, const struct stat& before) {
   return IsSoleFile(opened) && IsSoleFile(named) && SameIdentity(opened, named) &&
          (before.st_mode == 0 || SameIdentity(before, opened));
 }
 
-// The hook limits the count by returning a number. Returns false if that number is not a count.
-bool LimitCount(napi_env env, napi_value asked, size_t* count) {
-  if (!IsType(env, asked, napi_number)) return true;
+// The hook limits the count by returning a number. Returns false if that is 0 as an unsigned 32-bit
+// integer.
+bool LimitCount(napi_env env, napi_value returned, size_t* count) {
+  if (!IsType(env, returned, napi_number)) return true;
   uint32_t limit = 0;
   // The status is always good for a number.
-  if (napi_get_value_uint32(env, asked, &limit) != napi_ok || limit == 0) return false;
+  if (napi_get_value_uint32(env, returned, &limit) != napi_ok || limit == 0) return false;
   *count = std::min<size_t>(*count, limit);
   return true;
 }
@@ -105,14 +105,14 @@ napi_value Append(napi_env env, napi_callback_info info) {
       ::fstatat(dirFd, leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
     return FailErrno(env, errno);
   }
-  if (!IsTheFileNamed(opened, named, before)) return Throw(env, kOutOfRoot);
+  if (!IsNamedFile(opened, named, before)) return Throw(env, kOutOfRoot);
   // This covers the minimum size too, which is not above the expected size.
   if (opened.st_size < call.expectedSize) return Throw(env, kChangedBeforeAppend);
 
   size_t count = call.body.length;
-  napi_value asked = nullptr;
-  if (!Hook(env, "append-write", leaf, index, &asked)) return nullptr;
-  if (!LimitCount(env, asked, &count)) return Throw(env, kStorageFailed);
+  napi_value returned = nullptr;
+  if (!Hook(env, "append-write", leaf, index, &returned)) return nullptr;
+  if (!LimitCount(env, returned, &count)) return Throw(env, kStorageFailed);
   if (!StillHolds(env, arguments.values[4], call.body)) return Throw(env, kStorageFailed);
   // Required: one write, also for an empty body. The rest of a short write is not written.
   const ssize_t written = WriteSome(file.Get(), call.body.data, count);

@@ -1,7 +1,7 @@
-// ensureRelativeSymlink: creates a symlink with a relative text that points at an existing
-// directory. If a symlink with exactly this text exists, also one that another process has just
-// created, the call succeeds without a change. Every other entry at that place is a conflict and is
-// not replaced.
+// ensureRelativeSymlink: creates a symlink to an existing directory. Its text, the path
+// stored in it, is relative. If a symlink with exactly this text exists, also one that another
+// process has just created, the call succeeds without a change. Every other entry at that place is
+// a conflict and is not replaced.
 //
 // The target is checked first, so that a missing target leaves no new directories. The text depends
 // on the two paths alone: it climbs from the symlink to the root and descends from there. A common

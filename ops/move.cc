@@ -28,12 +28,12 @@ napi_value Move(napi_env env, napi_callback_info info) {
   if (!OpenBothParents(env, *root, from, to, &source, &destination)) return nullptr;
 
   struct stat entry;
-  struct stat taken;
+  struct stat existing;
   if (!SafeLeafStat(env, source.fd.Get(), from.back(), &entry, /*allowMissing=*/false) ||
-      !SafeLeafStat(env, destination.fd.Get(), to.back(), &taken, /*allowMissing=*/true)) {
+      !SafeLeafStat(env, destination.fd.Get(), to.back(), &existing, /*allowMissing=*/true)) {
     return nullptr;
   }
-  if (taken.st_mode != 0) return Throw(env, kAlreadyExists);
+  if (existing.st_mode != 0) return Throw(env, kAlreadyExists);
 
   if (::renameat(source.fd.Get(), from.back().c_str(), destination.fd.Get(), to.back().c_str()) !=
           0 ||

@@ -4,8 +4,9 @@
 // removed.
 //
 // In between the file has two names. A failure there removes the new one again, so that the file is
-// either published or unchanged. A crash there, or a failed removal, leaves both names. The
-// caller's descriptor is borrowed: it is not closed, and its offset does not move.
+// either published or unchanged. A crash there leaves both names. So does a failure to remove the
+// new name again. The caller's descriptor is borrowed: it is not closed, and its offset does not
+// move.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -55,7 +56,7 @@ bool CandidateVerified(int fd, int dirFd, const char* name, const Bytes& expecte
   // A writable descriptor could change the bytes after the comparison.
   if ((flags & O_ACCMODE) != O_RDONLY) return false;
   if (!IsSoleFile(opened) || !IsSoleFile(named) || !SameIdentity(opened, named)) return false;
-  // A negative size turns into a length that no Buffer has.
+  // A negative size becomes a huge number here, which no Buffer's length equals.
   if (static_cast<uint64_t>(opened.st_size) != expected.length) return false;
   if (!ReadExactAt(fd, expected)) return false;
   if (::fstat(fd, verified) != 0 || !SameStableMetadata(opened, *verified)) return false;

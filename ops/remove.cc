@@ -1,8 +1,8 @@
 // remove: deletes a file, or a directory and everything beneath it. Refuses symlinks and files with
 // further hard links at every level. What was deleted before a refusal stays deleted.
 //
-// A directory is emptied in the order of its stream, flushed and removed. The parent of the top
-// entry is flushed at the end.
+// A directory is emptied in the order in which the system lists it, flushed and removed. The parent
+// of the top entry is flushed at the end.
 //
 // Left open on purpose: entries below the top are not compared with an earlier look. Each directory
 // is opened without following symlinks, which keeps the walk beneath the root.
@@ -28,7 +28,7 @@ namespace {
 // A directory being emptied. `name` is the leaf, or points into the stream of the level above,
 // which is not read further before this level is gone.
 struct EmptyingLevel {
-  int holderFd;
+  int containingFd;  // the directory that `name` is in
   const char* name;
   Descriptor directory;
   DirectoryStream stream;
@@ -59,7 +59,7 @@ bool RemoveEmptied(napi_env env, EmptyingLevel* level) {
   level->stream.reset();
   if (readError != 0) return RefuseErrno(env, readError);
   if (::fsync(level->directory.Get()) != 0 ||
-      ::unlinkat(level->holderFd, level->name, AT_REMOVEDIR) != 0) {
+      ::unlinkat(level->containingFd, level->name, AT_REMOVEDIR) != 0) {
     return RefuseErrno(env, errno);
   }
   return true;

@@ -41,7 +41,7 @@ bool GetRemoveIfEqualsCall(napi_env env, const CallArguments<3>& call, RemoveIfE
 // were compared. `after` receives its last state.
 bool HoldsUnchanged(int fd, const struct stat& named, const Bytes& expected, struct stat* after) {
   struct stat before;
-  // A negative size turns into a length that no Buffer has.
+  // A negative size becomes a huge number here, which no Buffer's length equals.
   return ::fstat(fd, &before) == 0 && SameStableMetadata(named, before) &&
          static_cast<uint64_t>(before.st_size) == expected.length && ReadExactAt(fd, expected) &&
          ::fstat(fd, after) == 0 && SameStableMetadata(before, *after);

@@ -76,7 +76,7 @@ class TempEntry {
   bool present_ = true;
 };
 
-// Returns false with errno set. A write of 0 bytes sets no errno, so it keeps its value then.
+// Returns false with errno set. After a write that returns 0, errno still holds its earlier value.
 bool WriteAll(int fd, const Bytes& body) {
   size_t offset = 0;
   while (offset < body.length) {
@@ -148,7 +148,8 @@ napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& 
   if (!WriteStage(env, call.stage, "before-file-rename")) return nullptr;
 
   if (!ChainHolds(*call.root, parent)) {
-    // Before the error is made: that can run a setter on Object.prototype.
+    // Before the error is made: that can run a setter on Object.prototype, which must not find the
+    // temporary file.
     entry.Unlink();
     return Throw(env, kOutOfRoot);
   }

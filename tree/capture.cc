@@ -2,10 +2,10 @@
 // fails if anything changes meanwhile.
 //
 // The metadata of a file is compared four times: by name before the open, by descriptor after it,
-// by descriptor after the reading, and by name again. A directory is bracketed in the same way
-// around everything beneath it, so a created, removed or renamed entry is detected. The directories
-// above are validated before and after. Symlinks, files with further hard links, special files and
-// a file that was already captured are refused.
+// by descriptor after the reading, and by name again. A directory is compared in the same way
+// before and after everything beneath it, so a created, removed or renamed entry is detected. The
+// directories above are validated before and after. Symlinks, files with further hard links,
+// special files and a file that was already captured are refused.
 //
 // Left open on purpose: a change that is undone between two looks, times included, is not detected.
 
@@ -51,7 +51,7 @@ struct Captured {
 // A directory whose contents are being captured. `name` is the leaf, or points into `names` of the
 // level above, and outlives this level.
 struct CaptureLevel {
-  int holderFd;
+  int containingFd;  // the directory that `name` is in
   const char* name;
   Descriptor directory;
   struct stat opened;
@@ -61,10 +61,11 @@ struct CaptureLevel {
 };
 
 // The last two looks at an open object: by descriptor, then by name.
-bool LookAgain(napi_env env, int fd, int holderFd, const char* name, struct stat* after,
+bool LookAgain(napi_env env, int fd, int containingFd, const char* name, struct stat* after,
                struct stat* again) {
   if (::fstat(fd, after) != 0) return RefuseErrno(env, errno);
-  if (::fstatat(holderFd, name, again, AT_SYMLINK_NOFOLLOW) != 0) return RefuseErrno(env, errno);
+  if (::fstatat(containingFd, name, again, AT_SYMLINK_NOFOLLOW) != 0)
+    return RefuseErrno(env, errno);
   return true;
 }
 
@@ -100,8 +101,8 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, std::string path,
                     const struct stat& named, Captured* captured, Levels<CaptureLevel>* levels) {
   Descriptor directory = OpenDirectoryAt(dirFd, name);
   if (!directory.IsOpen()) return RefuseErrno(env, errno);
-  // Required: a failing fstat counts as a replaced directory here, while CaptureFile reports its
-  // errno. O_DIRECTORY admits no other type, which is checked all the same.
+  // Required: a failing fstat counts as a replaced directory here, while CaptureFile throws what
+  // its errno maps to. O_DIRECTORY admits no other type, which is checked all the same.
   struct stat opened;
   if (::fstat(directory.Get(), &opened) != 0 || !S_ISDIR(opened.st_mode) ||
       !SameStableMetadata(named, opened)) {
@@ -120,7 +121,7 @@ bool ConfirmDirectory(napi_env env, const CaptureLevel& level, const Captured& c
   if (!Hook(env, "capture-directory-read", captured.entries[level.entry].path, 0)) return false;
   struct stat after;
   struct stat again;
-  if (!LookAgain(env, level.directory.Get(), level.holderFd, level.name, &after, &again)) {
+  if (!LookAgain(env, level.directory.Get(), level.containingFd, level.name, &after, &again)) {
     return false;
   }
   if (!S_ISDIR(again.st_mode) || !SameStableMetadata(level.opened, after) ||
@@ -167,13 +168,14 @@ bool CaptureNode(napi_env env, int dirFd, const char* name, std::string path,
       continue;
     }
     const char* child = level.names.sorted[level.next++];
-    const int holderFd = level.directory.Get();
+    const int containingFd = level.directory.Get();
     struct stat status;
-    if (::fstatat(holderFd, child, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::fstatat(containingFd, child, &status, AT_SYMLINK_NOFOLLOW) != 0) {
       return RefuseErrno(env, errno);
     }
     std::string childPath = ChildPath(captured->entries[level.entry].path, child);
-    if (!CaptureOrEnter(env, holderFd, child, std::move(childPath), status, captured, &levels)) {
+    if (!CaptureOrEnter(env, containingFd, child, std::move(childPath), status, captured,
+                        &levels)) {
       return false;
     }
   }
@@ -209,8 +211,8 @@ bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
   return true;
 }
 
-// The strings that all records share. Also the keys: a key given as text would be looked up for
-// each property.
+// The strings that all records share. They serve as keys too: a key given as
+// C text would be made into a string again for each property.
 struct RecordTexts {
   explicit RecordTexts(napi_env env)
       : path(String(env, "path")),

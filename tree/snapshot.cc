@@ -2,8 +2,8 @@
 // Buffers. The object has no prototype, so a file named `constructor` is an ordinary key.
 //
 // Lighter than capture. Directories appear only in the paths of their files. An open file or
-// directory must have the identity of its name. Symlinks, files with further hard links and special
-// files are refused.
+// directory must be the object that its name led to. Symlinks, files with further hard links and
+// special files are refused.
 //
 // Left open on purpose: changes during the call are not detected. A file may come back with old and
 // new bytes mixed. A file renamed during the walk may be missing, or appear under two keys.
@@ -35,7 +35,7 @@ struct SnapshotLevel {
   size_t next = 0;      // the first of `names` not yet read
 };
 
-bool IsStill(int fd, const struct stat& named, struct stat* opened) {
+bool OpenedAsNamed(int fd, const struct stat& named, struct stat* opened) {
   return ::fstat(fd, opened) == 0 && SameIdentity(*opened, named);
 }
 
@@ -44,11 +44,14 @@ bool AddFile(napi_env env, int dirFd, const char* name, const std::string& key,
   const Descriptor file(::openat(dirFd, name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
   if (!file.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
-  if (!IsStill(file.Get(), named, &opened)) return Refuse(env, kOutOfRoot);
+  if (!OpenedAsNamed(file.Get(), named, &opened)) return Refuse(env, kOutOfRoot);
   napi_value content = nullptr;
   if (!ReadFileBuffer(env, file.Get(), opened.st_size, &content)) return false;
   napi_set_named_property(env, target, key.c_str(), content);
-  return true;
+  // A replaced Object.create can return an object with a setter that throws.
+  bool pending = false;
+  napi_is_exception_pending(env, &pending);
+  return !pending;
 }
 
 bool EnterDirectory(napi_env env, int dirFd, const char* name, const struct stat& named,
@@ -56,7 +59,7 @@ bool EnterDirectory(napi_env env, int dirFd, const char* name, const struct stat
   Descriptor directory = OpenDirectoryAt(dirFd, name);
   if (!directory.IsOpen()) return RefuseErrno(env, errno);
   struct stat opened;
-  if (!IsStill(directory.Get(), named, &opened)) return Refuse(env, kOutOfRoot);
+  if (!OpenedAsNamed(directory.Get(), named, &opened)) return Refuse(env, kOutOfRoot);
   Names names;
   if (!ReadNames(env, directory.Get(), &names)) return false;
   *key += '/';
