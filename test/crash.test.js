@@ -1,8 +1,9 @@
 'use strict';
 
-// What a crash leaves on the disk, at every moment of every operation that changes it: the calls
-// that it makes are replayed on the three kinds of disk that support/disk.js models. Every operation
-// must keep its promises on all three; publishVerified relies on one that keeps names in order.
+// What a crash leaves on the disk, after every call of every operation that changes it. The
+// recorded calls are replayed on the three kinds of disk in support/disk.js. Every operation must
+// keep its promises on all three, except that publishVerified needs a disk that keeps names in
+// order.
 
 const { rehearse } = require('./support/faults.js');
 const assert = require('node:assert/strict');
@@ -12,8 +13,8 @@ const { Disk, plain } = require('./support/disk.js');
 const { table } = require('./support/harness.js');
 const { scenarios } = require('./support/scenarios.js');
 
-// Besides the disk as it was before or is after the call, with the directories on the way made or
-// not, and with write's temporary file.
+// What else a crash may leave than the disk before or after the operation. Directories on the way
+// and the temporary file of write do not count.
 const HALF_WAY = {
   create: (...images) => isGrown(...images),
   append: (...images) => isGrown(...images),
@@ -22,7 +23,7 @@ const HALF_WAY = {
   // Some of what is beneath it is gone.
   remove: (is, before) => Object.keys(is).every((name) => is[name] === before[name]),
 };
-// The old bytes are there, and behind them whatever the new ones take up.
+// The old bytes are there, and after them anything up to the length of the new ones.
 function isGrown(is, before, after, leaf) {
   const isOld = (is[leaf] ?? '').startsWith(before[leaf] ?? '10 ');
   const isLonger = is[leaf]?.length > after[leaf].length;
@@ -39,8 +40,8 @@ function isLawful({ operation, paths }, before, after, image) {
   return HALF_WAY[operation]?.(is, was, will, paths[0].join('/')) ?? false;
 }
 
-// The disks that a crash after any of the calls may leave against the promises, and those after the
-// last one that have lost what the call was told to have done.
+// The images that break a promise when the crash comes after one of the calls, and the images after
+// the last call that have lost its effect.
 function replay(scenario, { calls, ...images }, kind) {
   const [before, after] = [images.before, images.after].map(plain);
   const disk = new Disk(images.before, kind);
@@ -64,7 +65,7 @@ function verify(scenario) {
   }
 }
 
-// An exchange is made for tests, and promises nothing.
+// exchangeForTest flushes nothing and promises nothing.
 const changing = scenarios.filter((one) => one.mutates && one.operation !== 'exchangeForTest');
 const rows = changing.map((scenario) => [scenario.name, () => verify(scenario)]);
 table('whatever has reached the disk at a crash, it holds what the operation promises', rows);

@@ -1,10 +1,10 @@
 'use strict';
 
-// Every call that an operation makes, beside its listing in test/calls/: it fails with one errno
-// after the other, moves fewer bytes than it was asked for, or, where it looks at a file, tells
-// something else of it, that once or from there on. The operation must then end as the note on the
-// line says. Without a note, a call that fails is the errno's failure and leaves the disk as the
-// calls before it made it, and anything else makes no difference.
+// Compares the system calls of every operation with the listings in test/calls/. Then makes each
+// call go wrong: it fails with several errnos, moves fewer bytes, or, for fstat and fstatat,
+// reports another value, once or from there on. The operation must end as the note on the call's
+// line says. Without a note, a failing call ends the operation in the failure of its errno and
+// leaves the disk as the calls before it made it; anything else makes no difference.
 
 const { run, rehearse, FIELDS, FAR } = require('./support/faults.js');
 const assert = require('node:assert/strict');
@@ -18,9 +18,9 @@ const tarvek = require('./support/tarvek.js');
 
 const ERRNOS = ['EIO', 'ENOENT', 'ELOOP', 'EEXIST', 'EINTR'];
 const failureOf = (error) => ({ ENOENT: 'missing', ELOOP: 'outside' })[error] ?? 'storage';
-// Nobody is told when these fail.
+// Their failures are ignored.
 const IGNORED = ['close', 'closedir', 'getrandom'];
-// These are made again when a signal came.
+// These are repeated after EINTR.
 const REPEATED = ['read', 'pread', 'write'];
 const COUNTING = [...REPEATED, 'readlinkat', 'getrandom'];
 const FOREVER = 1 << 30;
@@ -42,7 +42,7 @@ everywhere('the calls are the ones listed, with the hooks and stages between the
   assert.equal(...texts, `what was called is in ${file}`);
 });
 
-// What may happen at a call, as [plan, outcome].
+// All that can go wrong at a call, as [plan, outcome].
 function faultsAt({ nth: first, name, error: failed }, notes) {
   const isUnheard = (error) =>
     IGNORED.includes(name) || (error === 'EINTR' && REPEATED.includes(name));
@@ -62,7 +62,7 @@ function faultsAt({ nth: first, name, error: failed }, notes) {
   return [...failing, ...(COUNTING.includes(name) ? counted : []), ...(isLook ? altered : [])];
 }
 
-// The disk as the calls before the fault left it, without what was there for a while only.
+// The disk as the calls before the failing one made it, without what the operation cleans up.
 function imageWhenFailing({ operation, paths }, { calls, before, after }, { first, action }) {
   const disk = new Disk(before, 'none');
   for (const call of calls) if (call.nth < first) disk.apply(call);
@@ -75,7 +75,7 @@ function imageWhenFailing({ operation, paths }, { calls, before, after }, { firs
   return image;
 }
 
-// All the bytes and names in it.
+// All bytes and names in a result.
 const textOf = (is) =>
   typeof is !== 'object' || Buffer.isBuffer(is)
     ? String(is)
@@ -111,8 +111,8 @@ everywhere('a call that fails or tells something else ends as its line says', (s
   }
 });
 
-// The call fails that many times, first with the one errno and then, as do other calls, with the
-// other one.
+// The scenario, the call, how many calls fail from the first such call on, the errno of the first
+// one and of the others, and the outcome.
 const AGAIN = lines(`
   read leaf                      read      20  EINTR   EINTR   -
   removeIfEquals leaf OLD        pread     20  EINTR   EINTR   -
@@ -147,7 +147,8 @@ test('a handle whose close fails counts as open', () => {
   const plan = { first: 1, action: 'fail', error: 'EIO' };
   run({ before: {}, call: 'close' }, plan, ({ ctx, outcome }) => {
     expectOutcome('storage', outcome);
-    // It serves again when its number has been given out anew, which closing it then closes.
+    // Its number is free. The handle works again when another file takes the number, and closes
+    // that.
     const taken = [];
     const isServing = () => 'result' in thrownBy(() => tarvek.exists(ctx.handle, ['absent']));
     while (!isServing() && taken.length < 50) taken.push(fs.openSync(ctx.root));

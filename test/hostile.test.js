@@ -44,8 +44,8 @@ const swapOf = (name, swap, layout) => (ctx) => {
   swap(ctx.at(name), decoy, away);
 };
 
-// Passes bytes in memory that can go away or change its size, which it cannot on old Nodes. One that
-// has only grown still holds them.
+// Passes the bytes in memory that can be transferred or, except on old Nodes, resized. Memory that
+// has grown still holds the bytes.
 const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, 30] : ['gone'];
 const loseTo = (length) => (ctx) =>
   length === 'gone'
@@ -62,8 +62,7 @@ function prepareLosable(ctx, call) {
   return [operation, losable];
 }
 
-// What a hook or a stage does, at every point of every scenario, as [name, deed, outcome]. What was
-// looked at for the last time before goes on with what it holds.
+// The harm that a hook or a stage does at every point of every scenario, as [name, deed, outcome].
 function deedsAt(notes, { call, before }) {
   const directories = Object.keys(notes).filter((name) => name.endsWith('/'));
   const swaps = directories.flatMap((name) =>
@@ -107,8 +106,8 @@ each('a hook or a stage throws', throwing, (ctx, call, point) =>
   expectThrough((thrower) => attempt(ctx, call, when(point, thrower))),
 );
 
-// Rows of [name, layout, call, and a failure that harness.js names, or "-" for success]. The directory
-// `made` is there afterwards just if the call names it, and `never` is not.
+// Rows of [name, layout, call, and a failure that harness.js names, or "-" for success]. The
+// directory `made` is there afterwards just if the call names it, and `never` is not.
 function ends(title, rows) {
   each(title, rows, (ctx, call, expected) => {
     const result = expectCall(expected, ctx, call);

@@ -1,7 +1,7 @@
-// Stands between the module and libc: records the module's calls, and makes some of them fail, move
-// fewer bytes, or tell something else of a file. It is preloaded into the test process, which loads
-// it once more as an addon: an ArrayBuffer over the state below. Only calls from the module's code
-// count, and only while it is armed.
+// Stands between the module and libc. Records the module's calls, and makes some of them fail, move
+// fewer bytes, or report other values about a file. The test process preloads this library, and
+// loads it as an addon as well, which gives an ArrayBuffer over the state below. Only calls that
+// come from the module's code count, and only while `armed` is set.
 
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -18,10 +18,10 @@ enum Action { NOTHING, FAIL, SHORT, ZERO, ALTER };
 
 static struct {
   uint64_t start, end;                  // the module's code
-  int64_t field, keep, add;             // a field's place in struct stat, and what comes of it
-  int32_t armed, action, first, count;  // what happens to which calls, counted from 1
-  int32_t error[2];                     // of the first call that fails, and of the others
-  int32_t calls, left, length;          // made so far; a descriptor left open; of the record
+  int64_t field, keep, add;             // a field's offset in struct stat, and how to alter it
+  int32_t armed, action, first, count;  // what happens to which calls, from 1
+  int32_t error[2];                     // of the first call that fails, and of later ones
+  int32_t calls, left, length;          // calls so far; a descriptor left open; of the record
   char record[1 << 17];                 // a line for each call: name, arguments, errno, by tabs
 } state;
 
@@ -32,7 +32,7 @@ typedef long Function(long, long, long, long, long, long, long);
 
 #define RECORD(...) state.length += sprintf(state.record + state.length, __VA_ARGS__)
 
-// A descriptor is told as the path that it is open on.
+// Writes a descriptor as the path that it is open on.
 static void RecordPath(int fd) {
   char link[32];
   char path[4096] = "nothing";
@@ -43,8 +43,8 @@ static void RecordPath(int fd) {
 }
 
 // `shape` has a letter for each argument: d a descriptor, D a directory stream, s a string, b
-// bytes, n how many, o the flags of an open, m a mode, i an integer, t a struct stat, p whatever is
-// left out; behind them * where a pointer is returned.
+// bytes, n a number of bytes, o the flags of an open, m a mode, i an integer, t a struct stat, p an
+// argument that is left out. A star at the end means that the call returns a pointer.
 static void Record(const char* name, const char* shape, const long* a) {
   RECORD("%s", name);
   for (int i = 0; shape[i] != '\0'; ++i) {
@@ -58,7 +58,7 @@ static void Record(const char* name, const char* shape, const long* a) {
   }
 }
 
-// From the first look that is due on, but only where it is of the same file.
+// Alters the first result that is due, and later ones for the same file.
 static void Alter(struct stat* told, int isFirst) {
   static ino_t altered;
   if (isFirst) altered = told->st_ino;
@@ -77,7 +77,7 @@ static long Act(Function* real, const char* name, const char* shape, long* a) {
   const char* number = strchr(shape, 'n');
   const char* told = strchr(shape, 't');
   if (due == FAIL) {
-    if (strncmp(name, "close", 5) == 0) CALL(real, a);  // one that reports an error has closed
+    if (strncmp(name, "close", 5) == 0) CALL(real, a);  // Linux closes even so
     if (strcmp(name, "fdopendir") == 0) state.left = (int)a[0];
     errno = state.error[nth > 0];
     return strchr(shape, '*') ? 0 : -1;
@@ -89,8 +89,8 @@ static long Act(Function* real, const char* name, const char* shape, long* a) {
   if (due == SHORT && number != NULL) a[number - shape] -= a[number - shape] / 2;
   const long result = CALL(real, a);
   if (due == ALTER && told != NULL && (int)result == 0) Alter((struct stat*)a[told - shape], !nth);
-  // What a call that succeeds leaves there says nothing. The end of a file or a directory leaves it
-  // alone, and so does an unlink, after which the errno of the failure that led there is read.
+  // A successful call may leave anything in errno. Not so the end of a file or of a directory, and
+  // not unlinkat: write reads errno after it, for the failure that came before.
   const int isEnd = result == 0 && strpbrk(shape, "n*") != NULL;
   if (!Failed(shape, result) && !isEnd && strcmp(name, "unlinkat") != 0) errno = ENOENT;
   return result;

@@ -1,7 +1,7 @@
 'use strict';
 
-// The listings in test/calls/: what every scenario (see scenarios.js) calls, in order, and what
-// comes of it when something goes wrong there. README.md beside them explains the form.
+// Reads the listings in test/calls/: the system calls of each scenario (see scenarios.js), in
+// order, and the outcome when a call goes wrong. The README.md there explains the format.
 
 const fs = require('node:fs');
 const path = require('node:path');
@@ -16,7 +16,7 @@ const GROUPS = {
 };
 GROUPS.all = [...Object.values(GROUPS).flat(), 'mode'];
 
-// "links type: outside; once mode: -" as an outcome for each word.
+// Turns "links type: outside; once mode: -" into an outcome for each word.
 function notesIn(text) {
   const notes = {};
   for (const part of text.split('; ')) {
@@ -33,7 +33,7 @@ const parseLine = (line) => {
   return { text: told.replace(/ +/g, ' '), notes: notes ? notesIn(notes) : {} };
 };
 
-// By name, the lines of each scenario: a heading, and what is indented beneath it.
+// The lines of each scenario by its name, which is the heading above them.
 const sections = new Map();
 for (const file of fs.readdirSync(FOLDER).filter((name) => name.endsWith('.txt'))) {
   for (const section of fs.readFileSync(path.join(FOLDER, file), 'utf8').split(/\n(?=\S)/)) {
@@ -44,4 +44,4 @@ for (const file of fs.readdirSync(FOLDER).filter((name) => name.endsWith('.txt')
 
 const listing = (name) => sections.get(name) ?? [];
 
-module.exports = { listing, GROUPS };
+module.exports = { listing };

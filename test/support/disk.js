@@ -1,22 +1,22 @@
 'use strict';
 
-// A model of a disk on which recorded calls are replayed, and of what a crash leaves on it.
+// A model of a disk: replays recorded calls, and yields what a crash can leave.
 //
-// A name lasts only once its directory is flushed, and bytes once their file is; a change that is not
-// flushed has reached the disk or has not. A rename has reached it whole or not at all. There are
-// three kinds of disk:
+// A name is durable after a flush of its directory, and bytes after a flush of their file. What is
+// not flushed may or may not have reached the disk. A rename reaches it whole or not at all. There
+// are three kinds of disk:
 //
-//   journal  changes reach it in order, and any flush brings all that was changed before
-//   log      they reach it in order, all at once; but the flush of a directory brings along the
-//            changes of that directory alone
-//   none     they reach it in any combination; a rename is sure once both directories are flushed
+//   journal  names reach the disk in order; the flush of a directory brings all earlier changes
+//   log      names reach the disk in order, all at once; but the flush of a directory brings only
+//            the changes in that directory
+//   none     names reach the disk in any combination; a rename needs a flush of both directories
 
 const { constants } = require('node:fs');
 const path = require('node:path');
 const { place } = require('./harness.js');
 
-// A directory is an empty object: what it holds follows from the changes. Anything else is a type
-// and a text, `now` as processes see it and `kept` as all that it may turn out to be.
+// A directory is an empty object: its entries follow from the changes. Anything else is a type and
+// a text: `now` is what processes see, and `kept` what a crash may leave.
 const makeLeaf = (is) => ({ now: is, kept: new Set([is]) });
 
 // Without modes and link counts.
@@ -56,20 +56,21 @@ class Disk {
     for (const one of this.changes) one.waits = [];
   }
 
-  // What is there now, by its absolute path.
+  // The node at an absolute path, as processes see it.
   find(at) {
     const names = path.relative(place.root, at).split('/').filter(Boolean);
     return names.reduce((node, name) => namesIn(node, this.changes).get(name), this.root);
   }
 
-  // Of [directory, name, node], all in one step; a name without a node goes. It lasts once all the
-  // directories that it waits for are flushed.
+  // Sets names, as [directory, name, node], in one step. Without a node, removes the name. Durable
+  // when all directories that it waits for are flushed.
   change(...changes) {
     const names = changes.map(([at, ...change]) => [this.find(at), ...change]);
     this.changes.push({ names, waits: names.map(([at]) => at) });
   }
 
-  // What is called is the method of that name, with descriptors as paths; others change nothing.
+  // A call is replayed by the method of its name, with paths for descriptors. Other calls change
+  // nothing.
   apply({ name, args, error }) {
     if (!error) this[name]?.(...args);
   }
@@ -85,7 +86,7 @@ class Disk {
     if (isMade) this.change([at, name, makeLeaf('10 ')]);
   }
 
-  // At the end of a file; all of the bytes, a part, or as many others.
+  // Appends. A crash can leave all of the bytes, a part, or zeros.
   write(at, quoted) {
     const bytes = quoted.slice(1, -1);
     const node = this.find(at);
@@ -106,12 +107,12 @@ class Disk {
     }
   }
 
-  // What processes see.
+  // The image that processes see.
   now() {
     return imagesOf(this.root, this.changes, ({ now }) => [now])[0];
   }
 
-  // The images that a crash may leave.
+  // All images that a crash can leave.
   *states() {
     const pending = this.changes.filter(({ waits }) => waits.length > 0);
     const inOrder = this.kind !== 'none';

@@ -1,8 +1,8 @@
 'use strict';
 
-// Makes calls of the module under test/interpose/faults.c. A test file that requires this one
-// starts over in a process into which that library is preloaded; the first one only passes on how
-// it ends.
+// Calls the module with test/interpose/faults.c between it and libc. A test file that requires this
+// one restarts in a child process that preloads the library. The parent only passes on the exit
+// status.
 
 const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -15,15 +15,15 @@ const tarvek = require('./tarvek.js');
 const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
 
 const CACHE = path.join(__dirname, '../../build/Release/CMakeCache.txt');
-// Bound lazily, since child processes that load it are not Node.
+// Lazy binding: child processes that are not Node load the library too, and lack Node-API.
 const OPTIONS = '-std=c11 -O1 -Wall -Wextra -Werror -shared -fPIC -Wl,-z,lazy -x c'.split(' ');
 
-// Made anew for every test file, which takes no time, by the compiler that built the module: that
-// one is a C compiler as well.
+// Compiles the library for each test file, which takes 0.1 s, with the compiler that built the
+// module: it compiles C as well.
 function startOver() {
   const cache = fs.readFileSync(CACHE, 'utf8');
   const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(cache);
-  // LD_PRELOAD takes no path with a blank or a colon.
+  // LD_PRELOAD splits its value at blanks and colons.
   const folder = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
   const preloaded = path.join(folder, 'faults.so');
   const source = path.join(__dirname, '../interpose/faults.c');
@@ -31,7 +31,7 @@ function startOver() {
   const env = {
     ...process.env,
     TARVEK_TEST_PRELOADED: preloaded,
-    // Ahead of a sanitizer's runtime as well, which else would be the one that calls.
+    // Before a sanitizer's runtime, or that would make the calls instead of the module.
     LD_PRELOAD: `${preloaded}:${LD_PRELOAD}`,
     ASAN_OPTIONS: `${ASAN_OPTIONS}:verify_asan_link_order=0`,
   };
@@ -44,8 +44,8 @@ function startOver() {
 if (!TARVEK_TEST_PRELOADED) startOver();
 
 const ACTIONS = ['nothing', 'fail', 'short', 'zero', 'alter'];
-// What a look at a file tells, as it is altered: where it is in struct stat, what is kept of it, and
-// what is added. The mode is the lower half of what is there.
+// How each field of struct stat is altered: its offset, a mask for what is kept, and what is added.
+// The mode is the lower half of the 64 bits at its offset.
 const FAR = 2n ** 40n;
 const TYPE = 0o170000n;
 const FIELDS = {
@@ -67,7 +67,7 @@ const maps = fs.readFileSync('/proc/self/maps', 'utf8');
 const [, ...code] = /^(\w+)-(\w+) r-x.*\/tarvek\.node$/m.exec(maps);
 long.set(code.map((at) => BigInt(`0x${at}`)));
 
-// A hook or a stage, in the order in which it comes among the calls.
+// Puts a hook point or a stage into the record, between the calls.
 function note(...words) {
   state[LENGTH] += record.write(`${words.join('\t')}\t0\n`, state[LENGTH]);
 }
@@ -77,7 +77,7 @@ const OPEN = {
   ...{ NONBLOCK: 0o4000, DIRECTORY: 0o200000, NOFOLLOW: 0o400000, CLOEXEC: 0o2000000 },
 };
 const AT = { NOFOLLOW: 0x100, REMOVEDIR: 0x200, FOLLOW: 0x400 };
-// Which argument of which call is flags.
+// Which argument of a call is its flags.
 const FLAGS = {
   open: [1, OPEN],
   openat: [2, OPEN],
@@ -91,9 +91,9 @@ function flagsIn(number, known) {
   return [...words, ...(rest ? [`0${rest.toString(8)}`] : [])].join('|') || '0';
 }
 
-// As the listings in test/calls/ have it. Nothing for what openRoot does above the root, which is the
-// same for every directory, and how many there are differs; and nothing for what yields "." or "..",
-// which come at different places on different file systems.
+// The line of a listing in test/calls/. Undefined for calls that are left out: what openRoot does
+// above the root, since the number of directories there varies, and each readdir that yields "." or
+// "..", since file systems yield them at different places.
 const isAbove = (at) => at.startsWith('/') && place.base.startsWith(at);
 function show(name, args, error) {
   const [at, second, third] = args;
@@ -111,7 +111,7 @@ function show(name, args, error) {
   return [name, ...words, ...(error ? ['=', error] : [])].join(' ');
 }
 
-// The calls, hooks and stages, in order, and how a listing shows them.
+// The recorded calls, hooks and stages, in order. `nth` counts the calls alone.
 function callsIn(text) {
   let made = 0;
   const plain = text.replace(/\.tarvek-\d+-\d+-[0-9a-f]{32}/g, '.tarvek-*');
@@ -129,10 +129,10 @@ function callsIn(text) {
     });
 }
 
-// Makes the scenario's call by a plan: `count` calls from the `first` on fail with the `error`, those
-// behind the first one with the error `then`; or they are short, or return 0 and leave the errno in
-// place; or they tell something else in the field. `verify` is given the outcome, the calls, and the
-// trees before and after.
+// Makes the scenario's call. By the plan, `count` system calls from the `first` on go wrong: they
+// fail with `error` (after the first one with `then`), move fewer bytes, return 0 with errno set to
+// `error`, or report another value in `field`. Passes the outcome, the calls, and the trees before
+// and after to `verify`.
 function run(scenario, plan, verify) {
   const { action = 'nothing', first = 0, count = 1, error, then = error, field } = plan;
   sandbox(scenario.before, (ctx) => {
@@ -146,7 +146,7 @@ function run(scenario, plan, verify) {
     const outcome = thrownBy(() => tarvek[operation](...args));
     state[0] = 0;
     tarvek.setTestHook();
-    // What a stream was not made on stays open, on purpose.
+    // When fdopendir fails, the module leaves the duplicate open, as its interface requires.
     if (state[LEFT] >= 0) fs.closeSync(state[LEFT]);
     const calls = callsIn(record.toString('utf8', 0, state[LENGTH]));
     try {
@@ -160,7 +160,7 @@ function run(scenario, plan, verify) {
   });
 }
 
-// The result, the calls and the trees when nothing happens.
+// The result, the calls and the trees when nothing goes wrong.
 function rehearse(scenario) {
   let whole;
   run(scenario, {}, (seen) => {

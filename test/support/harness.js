@@ -33,8 +33,8 @@ const FAILURES = lines(`
 const failures = FAILURES.map(([name]) => name);
 const codes = FAILURES.map(([, code]) => code);
 
-// A layout is what is on disk: a string or Buffer is a file, an object a directory (the module itself
-// gives neither of their modes), a function makes what is neither, and undefined is nothing.
+// A layout is what is on disk: a string or Buffer is a file, an object a directory (the module
+// itself gives neither of their modes), a function makes what is neither, and undefined is nothing.
 const symlink = (text) => (at) => fs.symlinkSync(text, at);
 const hardlink = (sibling) => (at) => fs.linkSync(path.join(path.dirname(at), sibling), at);
 const fifo = () => (at) => execFileSync('mkfifo', [at]);
@@ -85,8 +85,8 @@ function assertTree(layout) {
   assert.deepEqual(...images, 'the whole disk beneath the root');
 }
 
-// What is gone by now, what libc reads in other threads when it gives memory back, the report of a
-// sanitizer, and what Node keeps in reserve once it has opened a socket.
+// Descriptors that come and go: already closed, read by libc in other threads when it frees memory,
+// the report of a sanitizer, and one that Node reserves with its first socket.
 const PASSING = / (undefined|\/proc\/sys\/vm\/overcommit_memory|.*\/report\.\d+|\/dev\/null)$/;
 function descriptors() {
   const targetOf = (fd) => thrownBy(() => fs.readlinkSync(`/proc/self/fd/${fd}`)).result;
@@ -119,8 +119,8 @@ function prepare(ctx, words) {
   return [operation, [ctx.handle, ...(operation === 'capture' ? [args] : args)]];
 }
 
-// One directory for the whole process: the root that tests work in, and room for what is outside. In
-// memory, if TMPDIR names no other place: a disk costs two thirds of the time.
+// One directory for the whole process, for the root and for what is outside it. It is in memory
+// unless TMPDIR is set: a disk costs two thirds of the time.
 const isWritable = (at) => 'result' in thrownBy(() => fs.accessSync(at, fs.constants.W_OK));
 const folder = isWritable('/dev/shm') && !process.env.TMPDIR ? '/dev/shm' : os.tmpdir();
 const base = fs.mkdtempSync(path.join(fs.realpathSync(folder), 'tarvek-'));
@@ -129,7 +129,7 @@ fs.chmodSync(base, 0o700);
 process.on('exit', () => fs.rmSync(base, { recursive: true, force: true }));
 const root = path.join(base, 'root');
 process.umask(0o022);
-// `depth`: how many directories are above the root, which openRoot walks as well.
+// `depth`: the number of directories above the root, which openRoot walks as well.
 const depth = root.split('/').length - 2;
 const place = { base, root, depth, at: (...names) => path.join(root, ...names) };
 
