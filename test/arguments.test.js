@@ -273,7 +273,7 @@ test('a hook is for its own thread', async (t) => {
   assert.equal(status, 0);
 });
 
-test('0 is a descriptor like any other, of a handle and of a candidate', () => {
+test('0 is a descriptor like any other, and 1 the first number of a temporary file', () => {
   const script = `
     const assert = require('node:assert');
     const fs = require('node:fs');
@@ -284,11 +284,16 @@ test('0 is a descriptor like any other, of a handle and of a candidate', () => {
     const inner = tarvek.openRelative(handle, ['d']);
     assert.equal(fs.fstatSync(0).isDirectory(), true);
     assert.equal(tarvek.exists(inner, ['f']), true);
+    let names;
+    tarvek.write(inner, ['f'], Buffer.from('${OLD}'), () => {
+      names ??= fs.readdirSync(root + '/d').join();
+    });
+    assert.match(names, /^\\.tarvek-\\d+-1-\\w+,f$/);
     tarvek.close(inner);
     assert.equal(fs.openSync(root + '/d/f'), 0);
     tarvek.publishVerified(handle, 0, ['d', 'f'], ['p'], Buffer.from('${OLD}'));`;
   sandbox({ d: { f: OLD } }, ({ root }) => {
     execFileSync(process.execPath, ['-e', script, MODULE, root]);
-    assertTree({ d: {}, p: OLD });
+    assertTree({ d: {}, p: fresh(OLD) });
   });
 });

@@ -67,8 +67,7 @@ cases('reading and comparing', LAYOUT, {
 });
 
 const MODES = { directory: withMode(0o1775, {}), empty: '', file: withMode(0o4751, OLD) };
-const many = { ...MANY.slice(0, 200).map(String) };
-const CAPTURED = { d: { e: {}, f: OLD }, e: {}, x: { 'y.txt': OLD }, modes: MODES, many };
+const CAPTURED = { d: { e: {}, f: OLD }, e: {}, x: { 'y.txt': OLD }, modes: MODES, many: {} };
 
 cases('capture', CAPTURED, {
   'gives nine permission bits, and a body for files only': ({ handle }) => {
@@ -81,11 +80,18 @@ cases('capture', CAPTURED, {
       `path,modes/file type,file mode,${0o751} body,${OLD}`,
     ]);
   },
-  'keeps the order of the paths, and lets a directory come twice, but no file': (ctx) => {
+  'keeps the order of the paths, and lets a directory come twice': (ctx) => {
     const paths = expectCall('-', ctx, 'capture x/y.txt e d e').map(({ path }) => path);
     assert.deepEqual(paths, ['x/y.txt', 'e', 'd', 'd/e', 'd/f', 'e']);
-    for (const name of Object.keys(many)) {
-      const capture = () => tarvek.capture(ctx.handle, [['many'], ['many', name]]);
+  },
+  'finds any file that comes twice among many': ({ handle, at }) => {
+    // Inode numbers with gaps meet in the table of identities. Those of a run do not.
+    for (const name of MANY) fs.writeFileSync(at('many', name), '');
+    const kept = MANY.filter((_, i) => (i * i) % 101 < 10);
+    for (const name of MANY) if (!kept.includes(name)) fs.unlinkSync(at('many', name));
+    assert.equal(tarvek.capture(handle, [['many']]).length, 1 + kept.length);
+    for (const name of kept) {
+      const capture = () => tarvek.capture(handle, [['many'], ['many', name]]);
       expectOutcome('duplicate', thrownBy(capture));
     }
   },
