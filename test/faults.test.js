@@ -81,11 +81,16 @@ const textOf = (is) =>
     ? String(is)
     : Object.values(is).map(textOf).join('');
 
-function verify(scenario, whole, plan, expected, { ctx, outcome, after }) {
+const flushesIn = (calls) => calls.filter(({ name }) => name === 'fsync').map(({ text }) => text);
+
+function verify(scenario, whole, plan, expected, { ctx, outcome, calls, after }) {
   assert.equal(tarvek.exists(ctx.handle, ['absent']), false, 'the handle still serves');
   const isFailure = failures.includes(expected);
   const result = expectOutcome(isFailure ? expected : '-', outcome);
-  if (expected === '-') scenario.check(result, ctx);
+  if (expected === '-') {
+    scenario.check(result, ctx);
+    assert.deepEqual(flushesIn(calls), flushesIn(whole.calls), 'the flushes');
+  }
   if (expected === 'other') {
     const { dev, ino } = tarvek.rootIdentity(result);
     assert.ok({ device: dev, inode: ino }[plan.field] >= FAR);
