@@ -90,12 +90,8 @@ const deeds = points.flatMap(({ scenario, point, notes }) =>
 );
 each('a hook or a stage does harm', deeds, (ctx, row, point, act, expected = '-') => {
   const call = prepareLosable(ctx, row.call);
-  const result = expectCall(
-    expected,
-    ctx,
-    call,
-    when(point, () => act(ctx)),
-  );
+  const harm = when(point, () => act(ctx));
+  const result = expectCall(expected, ctx, call, harm);
   if (expected === '-') row.check(result, ctx);
 });
 

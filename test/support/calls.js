@@ -42,6 +42,4 @@ for (const file of fs.readdirSync(FOLDER).filter((name) => name.endsWith('.txt')
   }
 }
 
-const listing = (name) => sections.get(name) ?? [];
-
-module.exports = { listing };
+module.exports = { listing: (name) => sections.get(name) ?? [] };

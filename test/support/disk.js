@@ -62,15 +62,13 @@ class Disk {
     return names.reduce((node, name) => namesIn(node, this.changes).get(name), this.root);
   }
 
-  // Sets names, as [directory, name, node], in one step. Without a node, removes the name. Durable
-  // when all directories that it waits for are flushed.
+  // Sets each [directory, name, node], or removes it without a node. `waits` still need a flush.
   change(...changes) {
     const names = changes.map(([at, ...change]) => [this.find(at), ...change]);
     this.changes.push({ names, waits: names.map(([at]) => at) });
   }
 
-  // A call is replayed by the method of its name, with paths for descriptors. Other calls change
-  // nothing.
+  // The method of its name replays a call, with paths for descriptors. Other calls change nothing.
   apply({ name, args, error }) {
     if (!error) this[name]?.(...args);
   }

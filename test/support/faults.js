@@ -78,13 +78,7 @@ const OPEN = {
 };
 const AT = { NOFOLLOW: 0x100, REMOVEDIR: 0x200, FOLLOW: 0x400 };
 // Which argument of a call is its flags.
-const FLAGS = {
-  open: [1, OPEN],
-  openat: [2, OPEN],
-  fstatat: [2, AT],
-  unlinkat: [2, AT],
-  linkat: [4, AT],
-};
+const FLAGS = { open: 1, openat: 2, fstatat: 2, unlinkat: 2, linkat: 4 };
 function flagsIn(number, known) {
   const words = Object.keys(known).filter((word) => number & known[word]);
   const rest = words.reduce((left, word) => left - known[word], Number(number));
@@ -101,9 +95,8 @@ function show(name, args, error) {
   if (name === 'readdir' && second) return undefined;
   if (isAbove(at) && second !== 'root' && (at !== '/' || name.endsWith('at') || name === 'fstat'))
     return undefined;
-  const [flags, known] = FLAGS[name] ?? [];
   const words = args.map((arg, i) => {
-    if (i === flags) return flagsIn(arg, known);
+    if (i === FLAGS[name]) return flagsIn(arg, name.startsWith('open') ? OPEN : AT);
     const isWithin = arg === place.base || arg.startsWith(place.root);
     return isWithin ? path.relative(place.root, arg) || '.' : arg || '""';
   });

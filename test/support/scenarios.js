@@ -7,7 +7,6 @@
 //   name                 the call in words (see harness.js), and behind a comma what it meets
 //   operation, call      name of the exported function; the words alone, for prepare()
 //   before, after        the layouts beneath the root; `mutates`: whether they differ
-//   missing              whether ancestors are missing before
 //   paths                its segment arrays, first walked first; they share no directory
 //   check(result, ctx)   asserts the result and releases it
 //   listing              its lines there (see calls.js)
@@ -98,7 +97,7 @@ function scenario(row, near, far, missing = false) {
     return { ...beneath(near, 'leaf', first), ...(made && beneath(far, 'other', second, wrap)) };
   };
   return {
-    ...{ name, operation: words.split(' ')[0], call, paths, missing, mutates: after !== before },
+    ...{ name, operation: words.split(' ')[0], call, paths, mutates: after !== before },
     before: layout(before, !missing),
     after: layout(after, true, missing ? fresh : undefined),
     check: (actual, ctx) => (check ? check(actual, ctx, leaf) : assert.deepEqual(actual, result)),
