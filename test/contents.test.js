@@ -123,9 +123,12 @@ cases('snapshot', FILES, {
     assert.deepEqual(order, KEYS);
     for (const key of KEYS) assert.equal(String(made[key]), key);
   },
-  'fails as Object.create does, or is undefined when there is none': ({ handle }) => {
-    expectThrough((thrower) => thrownBy(() => snapshotWith(thrower, handle)));
-    assert.equal(snapshotWith(undefined, handle), undefined);
+  'fails as Object.create or its object does, or is undefined when there is none': (ctx) => {
+    fs.writeFileSync(ctx.at('d', 'z'), 'another file, after the one whose setter throws');
+    for (const wrap of [(act) => act, (set) => () => new Proxy({}, { defineProperty: set, set })]) {
+      expectThrough((thrower) => thrownBy(() => snapshotWith(wrap(thrower), ctx.handle)));
+    }
+    assert.equal(snapshotWith(undefined, ctx.handle), undefined);
   },
 });
 
