@@ -2,7 +2,6 @@
 
 const assert = require('node:assert/strict');
 const { execFileSync, spawnSync } = require('node:child_process');
-const { EventEmitter } = require('node:events');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
@@ -117,23 +116,6 @@ test('server.js takes Buffers over, and passes on results and errors', async () 
   assert.deepEqual({ ...error }, { code: 'OPTIMISTIC_CONFLICT', body: big('c') });
   assert.match(error.stack, /already exists\n.*examples\.test\.js/s);
   await root.close();
-});
-
-test('server.js hands over the Buffers of a result', () => {
-  const directory = makeDirectory();
-  fs.writeFileSync(path.join(directory, 'big'), big('x'));
-  const sent = [];
-  const parentPort = Object.assign(new EventEmitter(), { postMessage: (...all) => sent.push(all) });
-  const before = { ...threads };
-  Object.assign(threads, { parentPort, workerData: 'tarvek worker' });
-  delete require.cache[example('server')];
-  require('../examples/server.js');
-  Object.assign(threads, before);
-  parentPort.emit('message', { name: 'openRoot', value: [directory] });
-  parentPort.emit('message', { name: 'capture', value: [[['big']]] });
-  const [{ value }, transferred] = sent[1];
-  assert.equal(value[0].body.byteLength, 2 ** 20);
-  assert.ok(transferred[0] === value[0].body);
 });
 
 test('server.js closes after the calls before, and rejects those after, or if it died', async () => {
