@@ -9,6 +9,8 @@ const os = require('node:os');
 const path = require('node:path');
 
 const reports = fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-asan-'));
+// For a test that goes on as another user.
+fs.chmodSync(reports, 0o777);
 
 // Every process writes a report of its own, for a test may hide what its children print. A fault
 // aborts its process; a leak must not, nor change how it exits: Node and others leak as they end.

@@ -26,6 +26,25 @@ const sanitized = /asan/.test(process.env.LD_PRELOAD ?? '');
 setFlagsFromString('--expose-gc');
 const collect = runInNewContext('gc');
 
+// First in its process: once the C library has served large blocks, it keeps larger ones as well.
+test('the memory of a large Buffer is given back with the Buffer', () => {
+  sandbox({ f: '' }, (ctx) => {
+    // A Buffer's memory is freed on another thread, and a second collection waits for that.
+    const resident = () => collect() ?? collect() ?? process.memoryUsage.rss();
+    fs.truncateSync(ctx.at('f'), 24 << 20);
+    const before = resident();
+    call(ctx, 'read f');
+    const kept = Array.from(Array(200), () => Buffer.alloc(5000));
+    const grown = resident() - before;
+    assert.ok(sanitized || grown < 3 * SLACK, `${grown} bytes more, with ${kept.length} Buffers`);
+    fs.truncateSync(ctx.at('f'), 12 << 20);
+    // After several, the C library serves the memory from a heap that it keeps.
+    for (let i = 0; i < 6; ++i) call(ctx, 'read f');
+    const mappings = fs.readFileSync('/proc/self/smaps', 'utf8');
+    assert.doesNotMatch(mappings, /^VmFlags:.* hg\b/m, 'a heap stays marked for large pages');
+  });
+});
+
 // Together the calls leave everything as they find it. Through the link all of them are refused.
 const LAYOUT = { d: { f: OLD, c: OLD, s: { g: 'one' }, l: symlink('../d/s') }, link: symlink('d') };
 const ROUND = lines(`
@@ -162,7 +181,7 @@ const GREEDY_PROCESS = `
 const SCARCE = lines(`
   read d/0    1   268435456  1.5  1
   read d/0    1   3900000    1.5  1
-  read d/0    1   100000     50   40
+  read d/0    1   100000     50   20
   capture d   8   3900000    4.5  0
   snapshot d  8   3900000    4.5  0
   snapshot d  80  30000      40   0`);
@@ -170,17 +189,23 @@ const scarce = SCARCE.map(([words, ...numbers]) => {
   const [count, size, ...more] = numbers.map(Number);
   return [`${words}, ${count} of ${size} bytes`, { d: filesOf(count, '') }, words, size, ...more];
 });
+// A sanitizer takes so much address space for small blocks that the engine fails first.
+const possible = scarce.filter(([, , , size]) => size > 1e6 || !sanitized);
 
-each('too little memory for the bytes ends in a failure', scarce, (ctx, words, size, room, fit) => {
-  for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
-  const [operation, [, path]] = prepare(ctx, words);
-  const plan = { module: MODULE, root: ctx.root, operation, path, room: size * room };
-  const script = ['-e', GREEDY_PROCESS, JSON.stringify(plan)];
-  const { stdout, stderr } = spawnSync(process.execPath, script, { encoding: 'utf8' });
-  const [, count, end] = /^1 results; (\d+) results, then (.*)$/.exec(stdout) ?? [];
-  assert.equal(end, 'FILESYSTEM_FAILURE, Repository-local storage operation failed', stderr);
-  assert.ok(count >= fit, stdout);
-});
+each(
+  'too little memory for the bytes ends in a failure',
+  possible,
+  (ctx, words, size, room, fit) => {
+    for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
+    const [operation, [, path]] = prepare(ctx, words);
+    const plan = { module: MODULE, root: ctx.root, operation, path, room: size * room };
+    const script = ['-e', GREEDY_PROCESS, JSON.stringify(plan)];
+    const { stdout, stderr } = spawnSync(process.execPath, script, { encoding: 'utf8' });
+    const [, count, end] = /^1 results; (\d+) results, then (.*)$/.exec(stdout) ?? [];
+    assert.equal(end, 'FILESYSTEM_FAILURE, Repository-local storage operation failed', stderr);
+    assert.ok(count >= fit, stdout);
+  },
+);
 
 const bytesRead = () => Number(/rchar: (\d+)/.exec(fs.readFileSync('/proc/self/io', 'utf8'))[1]);
 
@@ -213,23 +238,6 @@ test('failures in the middle of a tree leave no memory behind', () => {
     const sizes = Array.from(Array(40), round);
     const grown = sizes.at(-1) - sizes.at(20);
     assert.ok(sanitized || grown < 8 * SLACK, `${grown} bytes more`);
-  });
-});
-
-test('the memory of a large Buffer is given back with the Buffer', () => {
-  sandbox({ f: '' }, (ctx) => {
-    const resident = () => collect() ?? process.memoryUsage.rss();
-    fs.truncateSync(ctx.at('f'), 24 << 20);
-    const before = resident();
-    call(ctx, 'read f');
-    const kept = Array.from(Array(200), () => Buffer.alloc(5000));
-    const grown = resident() - before;
-    assert.ok(sanitized || grown < 3 * SLACK, `${grown} bytes more, with ${kept.length} Buffers`);
-    fs.truncateSync(ctx.at('f'), 12 << 20);
-    // After several, the C library serves the memory from a heap that it keeps.
-    for (let i = 0; i < 6; ++i) call(ctx, 'read f');
-    const mappings = fs.readFileSync('/proc/self/smaps', 'utf8');
-    assert.doesNotMatch(mappings, /^VmFlags:.* hg\b/m, 'a heap stays marked for large pages');
   });
 });
 
