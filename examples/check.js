@@ -143,7 +143,7 @@ function* obstaclesAt(found, shown) {
   // A directory that may not be read is among the obstacles.
   if (!found.error || (found.stat && isDenied)) return;
   const code = isDenied ? 'FILESYSTEM_FAILURE' : undefined;
-  yield { path: shown, why: `cannot be looked at, ${found.error.code}`, code };
+  yield { path: shown, why: `cannot be read: ${found.error.code}`, code };
 }
 
 // What openRoot refuses in the path of DIR itself. Returns the real path; undefined if a directory

@@ -55,7 +55,13 @@ function openJournal(root, file) {
     const start = known;
     // If the append fails, the end of the file is unknown. A line after a torn one would be lost.
     known = undefined;
-    tarvek.append(root, file, start, start, line);
+    try {
+      tarvek.append(root, file, start, start, line);
+    } catch (error) {
+      // A refused append wrote nothing, so the caller may repeat it.
+      if (error.code === 'PATH_OUT_OF_ROOT') known = start;
+      throw error;
+    }
     known = start + line.length;
   }
 

@@ -43,7 +43,8 @@ function switchTo(root, release) {
   return next;
 }
 
-// `files` maps names to bodies. Use each release name once. After a failure some files may have
+// `directory` is an absolute path without symlinks. `files` maps single names, without "/", to
+// bodies, and is not empty. Use each release name once. After a failure some files may have
 // been published, but no symlink leads to them. Call discardStaged, and publish under another name.
 function publishRelease(directory, release, files, verify) {
   const root = tarvek.openRoot(directory);

@@ -16,14 +16,16 @@
 //   `error.body`. Buffers in a result arrive in the same way. Two kinds are copied: a Buffer that
 //   shares its memory with others, such as one from Node's pool, and one below 16 KiB, since
 //   copying it is faster.
-// - What is left for the main thread is to unpack results. It notices many thousand small files.
+// - The main thread still unpacks the results. Thousands of small files take noticeable time there.
 // - A failed call rejects with the code and the message that tarvek threw.
 // - `close` waits for the calls before it. A call after it rejects with HANDLE_CLOSED.
 // - A root without a pending call does not keep the process running, even if it was not closed.
 // - If the worker ends early, pending and later calls reject with WORKER_ENDED. Whether a pending
 //   call changed something is then unknown. Open the directory again and look.
 // - The stage callback of `write` cannot be passed, since functions cannot leave their thread.
-//   Close the descriptor given to `publishVerified` only after the promise is settled.
+//   `openRelative`, `setTestHook` and `exchangeForTest` are not offered, and a hook set in the main
+//   thread does not reach the worker.
+// - Close the descriptor given to `publishVerified` only after the promise is settled.
 
 const { Worker, parentPort, workerData } = require('node:worker_threads');
 
@@ -128,7 +130,7 @@ function startWorker() {
     ended ??= errorFrom({ code: 'WORKER_ENDED', message: 'the worker thread has ended' });
     ended.cause ??= cause;
     for (const id of [...pending.keys()]) settle(id).reject(ended);
-    // It still runs if an answer of its could not be received.
+    // It still runs if one of its answers could not be received.
     worker.terminate();
   }
 
@@ -147,7 +149,7 @@ async function openRoot(path) {
     const result = received(value);
     // Made here and not where the answer arrives, so that its stack names the caller.
     if (failure) throw errorFrom(failure, result);
-    // The prototype did not stay away on the way.
+    // A copied object has a prototype. Remove it.
     return name === 'snapshot' ? Object.setPrototypeOf(result, null) : result;
   }
 

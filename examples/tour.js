@@ -71,7 +71,9 @@ function openGiven(given) {
   } catch (error) {
     const why = error.code === 'ENOENT' ? 'there is no such directory' : error.code;
     console.error(red(`The tour cannot start at ${given}: ${why}`));
-    console.error(`To see more: node ${path.join(__dirname, 'check.js')} ${given}`);
+    if (error.code !== 'ENOENT') {
+      console.error(`To see more: node "${path.join(__dirname, 'check.js')}" "${given}"`);
+    }
     return undefined;
   }
 }
