@@ -1,7 +1,7 @@
 'use strict';
 
-// What each operation makes of the values that it is called with, before it touches anything; what
-// a handle stands for; and the hook.
+// How each operation treats its arguments before it changes anything, what a handle stands for, and
+// how the hook is installed, called and removed.
 
 const assert = require('node:assert/strict');
 const { execFileSync } = require('node:child_process');
@@ -12,26 +12,18 @@ const { setImmediate: turn } = require('node:timers/promises');
 const { setFlagsFromString } = require('node:v8');
 const { runInNewContext } = require('node:vm');
 const { Worker } = require('node:worker_threads');
-const {
-  OLD,
-  BYTES,
-  lines,
-  fresh,
-  place,
-  prepare,
-  sandbox,
-  thrownBy,
-} = require('./support/harness.js');
-const { assertTree, attempt, expectThrough, expectCall } = require('./support/harness.js');
-const { each, cases } = require('./support/harness.js');
+const { OLD, BYTES, lines, fresh, place, prepare, sandbox } = require('./support/harness.js');
+const { assertTree, thrownBy, attempt, expectPassedOn } = require('./support/harness.js');
+const { expectCall, each, cases } = require('./support/harness.js');
 const { identityOf } = require('./support/scenarios.js');
 const tarvek = require('./support/tarvek.js');
 
 setFlagsFromString('--expose-gc');
 const collect = runInNewContext('gc');
 
-// Calls, what their arguments are, and the order in which bad ones are noticed, behind the failure
-// that they give. A wrong count comes before all of them, with the first failure.
+// Calls, the kinds of their arguments, and the order of the checks: in the last column, a failure
+// stands before the kinds that cause it. The number of arguments is checked before all of them, and
+// causes the first failure.
 const operations = lines(`
   open|openRoot @                  path                                      outside path
   close                            external                                  storage external
@@ -55,51 +47,52 @@ const calls = operations.flatMap(([words, kinds, order]) => {
 const failureOf = (order, kind) =>
   order.slice(0, order.indexOf(kind)).findLast((word) => /^(outside|storage|closed)$/.test(word));
 
-const NEITHER = [undefined, null, true, 1, 'f', Symbol('f'), 1n, {}, () => {}];
-const without = (type) => NEITHER.filter((value) => typeof value !== type);
-const NAMES = ['', '.', '..', 'a/b', '/', 'f/'];
-const NO_NAMES = [...NAMES, 'a\\b', '\\', 'a\0b', '\0'];
+const WRONG_TYPES = [undefined, null, true, 1, 'f', Symbol('f'), 1n, {}, () => {}];
+const without = (type) => WRONG_TYPES.filter((value) => typeof value !== type);
+const BAD_NAMES = ['', '.', '..', 'a/b', '/', 'f/'];
+const BAD_SEGMENTS = [...BAD_NAMES, 'a\\b', '\\', 'a\0b', '\0'];
 const SEGMENTS = [
-  ...[...NEITHER, { 0: 'f', length: 1 }],
+  ...[...WRONG_TYPES, { 0: 'f', length: 1 }],
   ...[[], [1], [['f']], [new String('f')], [undefined], Array(3)],
-  ...NO_NAMES.flatMap((name) => [[name], ['f', name], [name, 'f']]),
+  ...BAD_SEGMENTS.flatMap((name) => [[name], ['f', name], [name, 'f']]),
 ];
-const ABSOLUTE =
+const BAD_PATHS =
   '/ // /tmp/ //tmp /tmp//x /tmp/./x /tmp/../x /nowhere/.. /. /.. /tmp\\x /tmp/\0/x /x\0';
 const CLOSED = {};
 const BAD = {
-  path: [...without('string'), '', 'f', ...ABSOLUTE.split(' ')],
-  external: NEITHER,
-  handle: [...NEITHER, CLOSED],
+  path: [...without('string'), '', 'f', ...BAD_PATHS.split(' ')],
+  external: WRONG_TYPES,
+  handle: [...WRONG_TYPES, CLOSED],
   segments: SEGMENTS,
-  paths: [...NEITHER, [], ['f'], ...SEGMENTS.map((path) => [['f'], path])],
-  body: [...NEITHER, [1], { length: 1 }, new ArrayBuffer(1)],
+  paths: [...WRONG_TYPES, [], ['f'], ...SEGMENTS.map((path) => [['f'], path])],
+  body: [...WRONG_TYPES, [1], { length: 1 }, new ArrayBuffer(1)],
   stage: without('function'),
   size: [...without('number'), '1', new Number(1), -1, -1.5, -1e300],
   descriptor: [...without('number'), '0', -1, 2 ** 31],
-  name: [...without('string'), ...NAMES],
+  name: [...without('string'), ...BAD_NAMES],
 };
-const put = (args, index, value) => Object.assign([...args], { [index]: value });
+const replaceAt = (args, index, value) => Object.assign([...args], { [index]: value });
 
-// Every wrong call of an operation, as [what is wrong, failure, arguments].
+// Every call of an operation with one or two bad arguments or a wrong number of them, as [what is
+// wrong, failure, arguments].
 function* wrongCalls(args, kinds, order) {
   for (const [i, kind] of kinds.entries()) {
     for (const [n, value] of BAD[kind].entries()) {
-      yield [`argument ${i}, bad ${kind} ${n}`, failureOf(order, kind), put(args, i, value)];
+      yield [`argument ${i}, bad ${kind} ${n}`, failureOf(order, kind), replaceAt(args, i, value)];
     }
     for (const [j, other] of kinds.entries()) {
       const first = order.find((one) => one === kind || one === other);
-      const both = put(put(args, i, BAD[kind].at(-1)), j, BAD[other].at(-1));
+      const both = replaceAt(replaceAt(args, i, BAD[kind].at(-1)), j, BAD[other].at(-1));
       yield [`${kind} and ${other}`, failureOf(order, first), both];
     }
   }
   const few = kinds.filter((kind) => kind !== 'stage').length - 1;
-  for (const some of [[], args.slice(0, few), [...args, 1], Array(9).fill(Symbol('bad'))]) {
-    yield [`${some.length} arguments`, order[0], some];
+  for (const list of [[], args.slice(0, few), [...args, 1], Array(9).fill(Symbol('bad'))]) {
+    yield [`${list.length} arguments`, order[0], list];
   }
 }
 
-each('a wrong argument is all that matters', calls, (ctx, words, kinds, order) => {
+each('a bad argument is refused before any hook or change', calls, (ctx, words, kinds, order) => {
   const closed = tarvek.openRoot(ctx.root);
   tarvek.close(closed);
   const [operation, good] = prepare(ctx, words);
@@ -110,27 +103,27 @@ each('a wrong argument is all that matters', calls, (ctx, words, kinds, order) =
   }
 });
 
-// The calls, by the place of a path in them: callWith(path) is the call with it.
+// One row for each path that a call takes: callWith(ctx, path) is the call with another path there.
 const withPaths = calls.flatMap(([, , words, kinds, order]) =>
   kinds.flatMap((kind, index) => {
     const callWith = (ctx, path) => {
       const [operation, args] = prepare(ctx, words);
-      return [operation, put(args, index, kind === 'paths' ? [path] : path)];
+      return [operation, replaceAt(args, index, kind === 'paths' ? [path] : path)];
     };
     const isPath = kind === 'paths' || kind === 'segments';
     return isPath ? [[`${words}, argument ${index}`, LAYOUT, callWith, order]] : [];
   }),
 );
-// By a byte, with a last character of one to four, and by far.
+// Too long by one byte, with a last character of one to four bytes, and too long by far.
 const ENDS = ['x', 'é', '語', '😀'].map((last) => 'x'.repeat(256 - Buffer.byteLength(last)) + last);
 const TOO_LONG = [...ENDS, 'x'.repeat(10_000)];
-const got = (get) => Object.defineProperty(['f'], 0, { get });
+const withGetter = (get) => Object.defineProperty(['f'], 0, { get });
 
-each('a path is too long, or throws, or closes the handle', withPaths, (ctx, callWith, order) => {
+each('a long name or a hostile getter in a path fails', withPaths, (ctx, callWith, order) => {
   for (const name of TOO_LONG) expectCall('storage', ctx, callWith(ctx, [name, 'leaf']));
-  expectThrough((thrower) => attempt(ctx, callWith(ctx, got(thrower))));
-  const path = got(() => tarvek.close(ctx.handle) ?? 'f');
-  // Seen at once, or by the walk.
+  expectPassedOn((thrower) => attempt(ctx, callWith(ctx, withGetter(thrower))));
+  const path = withGetter(() => tarvek.close(ctx.handle) ?? 'f');
+  // The check of the handle sees it, or the walk does.
   expectCall(order.includes('closed') ? 'closed' : 'storage', ctx, callWith(ctx, path));
 });
 
@@ -145,14 +138,14 @@ const VIEWS = [
   ...[new Uint16Array(RAW.buffer, 2, 2), new DataView(RAW.buffer, 3, 2)],
 ];
 
-cases('accepted', LAYOUT, {
-  'any other name, byte for byte; a lone surrogate as the replacement character': ({ handle }) => {
+cases('unusual names and bytes are accepted', LAYOUT, {
+  'any other name, byte for byte; a lone surrogate becomes U+FFFD': ({ handle }) => {
     for (const name of [...ACCEPTED, 'a\udc00b']) tarvek.create(handle, ['d', name], BYTES.NEW);
     const made = [...ACCEPTED, 'a\ufffdb'].map((name) => [name, fresh(BYTES.NEW)]);
     assertTree({ ...LAYOUT, d: fresh(Object.fromEntries(made)) });
     for (const name of ACCEPTED) assert.deepEqual(tarvek.read(handle, ['d', name]), BYTES.NEW);
   },
-  'every view of bytes as a Buffer, for just its own range': ({ handle }) => {
+  'a typed array or DataView, as the bytes of its own range only': ({ handle }) => {
     for (const view of VIEWS) {
       const bytes = Buffer.from(view.buffer, view.byteOffset, view.byteLength);
       tarvek.write(handle, ['n'], view);
@@ -167,7 +160,7 @@ cases('accepted', LAYOUT, {
 const NESTED = { a: { b: { c: OLD } } };
 
 cases('handles', NESTED, {
-  'the identity is two BigInts, in order, and taken once': ({ handle, root, base }) => {
+  'rootIdentity returns its BigInts even if the root is replaced': ({ handle, root, base }) => {
     const identity = Object.entries(tarvek.rootIdentity(handle));
     assert.deepEqual(identity, Object.entries(identityOf(root)));
     fs.renameSync(root, `${base}/elsewhere`);
@@ -175,7 +168,7 @@ cases('handles', NESTED, {
     assert.deepEqual(Object.entries(tarvek.rootIdentity(handle)), identity);
     assert.equal(tarvek.exists(handle, ['a']), true, 'the handle follows its directory');
   },
-  'closing gives the descriptor back once': (ctx) => {
+  'a second close does not close a descriptor that took the same number': (ctx) => {
     const handle = tarvek.openRoot(ctx.root);
     assert.equal(tarvek.close(handle), undefined);
     const reused = ctx.open(ctx.root);
@@ -185,11 +178,11 @@ cases('handles', NESTED, {
   },
 });
 
-// Fires at a, b and c.
+// Calls the hook at a, b and c.
 const exists = ({ handle }) => tarvek.exists(handle, ['a', 'b', 'c']);
 
 cases('setTestHook', NESTED, {
-  'callbacks get one argument, and the global object as this': (ctx) => {
+  'the hook and the stage get one argument, and the global object as this': (ctx) => {
     const calls = [];
     const callback = function (...args) {
       calls.push([this === globalThis, JSON.stringify(args)]);
@@ -201,7 +194,7 @@ cases('setTestHook', NESTED, {
       [true, '["after-temp-write"]'],
     ]);
   },
-  'nothing, undefined and null remove it, and so does what is refused': (ctx) => {
+  'no argument, undefined and null remove the hook, and so does a refused argument': (ctx) => {
     for (const args of [[], [undefined], [null], [42], ['f'], [{}], [true], [Symbol('f')], [1n]]) {
       tarvek.setTestHook(assert.fail);
       const { thrown } = thrownBy(() => tarvek.setTestHook(...args));
@@ -209,7 +202,7 @@ cases('setTestHook', NESTED, {
       exists(ctx);
     }
   },
-  'it can be replaced and removed while it runs': (ctx) => {
+  'the hook can be replaced and removed while it runs': (ctx) => {
     const fired = [];
     const second = () => fired.push('second') && tarvek.setTestHook();
     tarvek.setTestHook(() => fired.push('first') && tarvek.setTestHook(second));
@@ -218,13 +211,13 @@ cases('setTestHook', NESTED, {
   },
 });
 
-// A weak reference holds on until the event loop turns.
+// A WeakRef that was just made or read keeps its target until the event loop turns.
 async function collected() {
   await turn();
   await turn(collect());
 }
 
-test('a hook stays as long as it is set, and goes when it is replaced or removed', async () => {
+test('a hook is collected after it was replaced or removed, and not before', async () => {
   const fired = [];
   const set = (name) => {
     const hook = () => fired.push(name);
@@ -235,15 +228,15 @@ test('a hook stays as long as it is set, and goes when it is replaced or removed
   await collected();
   tarvek.close(tarvek.openRoot(place.base));
   assert.equal(fired[0], 'second');
-  assert.equal(hooks[0].deref(), undefined, 'the first one is gone');
+  assert.equal(hooks[0].deref(), undefined, 'the replaced hook is gone');
   tarvek.setTestHook();
   await collected();
-  assert.equal(hooks[1].deref(), undefined, 'the second one is gone');
+  assert.equal(hooks[1].deref(), undefined, 'the removed hook is gone');
 });
 
 const MODULE = require.resolve('./support/tarvek.js');
 
-test('a hook is for its own thread', async (t) => {
+test('a hook is not called in another thread', async (t) => {
   t.after(() => tarvek.setTestHook());
   tarvek.setTestHook(assert.fail);
   const workerData = [MODULE, place.base];
@@ -254,7 +247,7 @@ test('a hook is for its own thread', async (t) => {
   assert.equal(status, 0);
 });
 
-test('0 is a descriptor like any other, and 1 the first number of a temporary file', () => {
+test('descriptor 0 works like any other, and temporary files count from 1', () => {
   const script = `
     const assert = require('node:assert');
     const fs = require('node:fs');

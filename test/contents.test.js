@@ -1,12 +1,12 @@
 'use strict';
 
-// What is in the files and trees that the operations read, write and compare.
+// The bytes, names and modes that the operations read, write and compare.
 
 const assert = require('node:assert/strict');
 const crypto = require('node:crypto');
 const fs = require('node:fs');
 const { OLD, fifo, socket, withMode } = require('./support/harness.js');
-const { assertTree, thrownBy, expectThrough } = require('./support/harness.js');
+const { assertTree, thrownBy, expectPassedOn } = require('./support/harness.js');
 const { expectOutcome, expectCall, each, cases } = require('./support/harness.js');
 const tarvek = require('./support/tarvek.js');
 
@@ -16,7 +16,7 @@ const SORTED = '.hidden .tarvek-1-1-0 0 10 9 B a a0 aé b é ｚ 😀'.split(' '
 const LAYOUT = { d: {}, special: { dir: {}, f: '', p: fifo(), s: socket() } };
 const MANY = Array.from({ length: 2000 }, (_, i) => `${'n'.repeat(i % 200)}-${i}`);
 
-// Bytes that are not quite these: too long, too short, or another one at the end of a block.
+// Bytes that differ a little from these: one more, one less, or another one at an edge of a block.
 function unlike(bytes) {
   const positions = [0, BLOCK - 1, BLOCK, bytes.length - 1].filter((at) => bytes[at] !== undefined);
   const others = positions.map((at) => Buffer.from(bytes).fill(bytes[at] ^ 1, at, at + 1));
@@ -25,7 +25,7 @@ function unlike(bytes) {
 }
 
 cases('reading and comparing', LAYOUT, {
-  'bytes of any length come back whole, and are told from others': (ctx) => {
+  'bytes of any length come back unchanged, and a small difference is detected': (ctx) => {
     const { handle } = ctx;
     for (const size of [0, 1, BLOCK - 1, BLOCK, BLOCK + 1, 3_000_001]) {
       const bytes = crypto.randomBytes(size);
@@ -53,7 +53,7 @@ cases('reading and comparing', LAYOUT, {
       for (const name of ['a', 'p']) expectCall('-', ctx, remove(name, bytes));
     }
   },
-  'names of any number and type come sorted by their bytes': ({ handle, at }) => {
+  'list returns names of any number and type, sorted by their bytes': ({ handle, at }) => {
     assert.deepEqual(tarvek.list(handle, ['special']), Object.keys(LAYOUT.special));
     for (const name of MANY) fs.mkdirSync(at('special', 'dir', name));
     assert.deepEqual(tarvek.list(handle, ['special', 'dir']), [...MANY].sort());
@@ -70,22 +70,22 @@ const MODES = { directory: withMode(0o1775, {}), empty: '', file: withMode(0o475
 const CAPTURED = { d: { e: {}, f: OLD }, e: {}, x: { 'y.txt': OLD }, modes: MODES, many: {} };
 
 cases('capture', CAPTURED, {
-  'gives nine permission bits, and a body for files only': ({ handle }) => {
+  'returns nine permission bits, and a body for files only': ({ handle }) => {
     const records = tarvek.capture(handle, [['modes']]);
-    const told = records.map((record) => Object.entries(record).join(' '));
-    assert.deepEqual(told, [
+    const texts = records.map((record) => Object.entries(record).join(' '));
+    assert.deepEqual(texts, [
       `path,modes type,directory mode,${0o755}`,
       `path,modes/directory type,directory mode,${0o775}`,
       `path,modes/empty type,file mode,${0o644} body,`,
       `path,modes/file type,file mode,${0o751} body,${OLD}`,
     ]);
   },
-  'keeps the order of the paths, and lets a directory come twice': (ctx) => {
+  'keeps the order of the paths, and accepts a directory twice': (ctx) => {
     const paths = expectCall('-', ctx, 'capture x/y.txt e d e').map(({ path }) => path);
     assert.deepEqual(paths, ['x/y.txt', 'e', 'd', 'd/e', 'd/f', 'e']);
   },
-  'finds any file that comes twice among many': ({ handle, at }) => {
-    // Inode numbers with gaps meet in the table of identities. Those of a run do not.
+  'detects any file that it meets twice among many': ({ handle, at }) => {
+    // Inode numbers with gaps collide in the table of identities. Consecutive ones do not.
     for (const name of MANY) fs.writeFileSync(at('many', name), '');
     const kept = MANY.filter((_, i) => (i * i) % 101 < 10);
     for (const name of MANY) if (!kept.includes(name)) fs.unlinkSync(at('many', name));
@@ -123,10 +123,10 @@ cases('snapshot', FILES, {
     assert.deepEqual(order, KEYS);
     for (const key of KEYS) assert.equal(String(made[key]), key);
   },
-  'fails as Object.create or its object does, or is undefined when there is none': (ctx) => {
+  'throws what Object.create or a setter throws; is undefined without Object.create': (ctx) => {
     fs.writeFileSync(ctx.at('d', 'z'), 'another file, after the one whose setter throws');
     for (const wrap of [(act) => act, (set) => () => new Proxy({}, { defineProperty: set, set })]) {
-      expectThrough((thrower) => thrownBy(() => snapshotWith(wrap(thrower), ctx.handle)));
+      expectPassedOn((thrower) => thrownBy(() => snapshotWith(wrap(thrower), ctx.handle)));
     }
     assert.equal(snapshotWith(undefined, ctx.handle), undefined);
   },
@@ -134,24 +134,22 @@ cases('snapshot', FILES, {
 
 const TEMPORARY = new RegExp(`^\\.tarvek-${process.pid}-([1-9]\\d*)-([0-9a-f]{32})$`);
 
-cases(
-  'write',
-  { d: {} },
-  {
-    'counts its temporary names up by one and draws the rest at random': (ctx) => {
-      const names = [];
-      const look = () => names.push(fs.readdirSync(ctx.at('d'))[0]);
-      for (let i = 0; i < 3; ++i) expectCall('-', ctx, 'write d/f NEW stage', look);
-      const drawn = [...new Set(names)].map((name) => TEMPORARY.exec(name)).filter(Boolean);
-      const counts = drawn.map(([, count]) => count - drawn[0][1]);
-      assert.deepEqual(counts, [0, 1, 2]);
-      assert.equal(new Set(drawn.map(([, , random]) => random)).size, 3);
-      assert.doesNotMatch(drawn[0][2], /^((.)\2)+$/);
-    },
-  },
-);
+const EMPTY = { d: {} };
 
-// How many of five bytes are written when the hook at "append-write" returns one of these.
+cases('write', EMPTY, {
+  'numbers its temporary files one by one, and adds random digits': (ctx) => {
+    const names = [];
+    const look = () => names.push(fs.readdirSync(ctx.at('d'))[0]);
+    for (let i = 0; i < 3; ++i) expectCall('-', ctx, 'write d/f NEW stage', look);
+    const parts = [...new Set(names)].map((name) => TEMPORARY.exec(name)).filter(Boolean);
+    const counts = parts.map(([, count]) => count - parts[0][1]);
+    assert.deepEqual(counts, [0, 1, 2]);
+    assert.equal(new Set(parts.map(([, , random]) => random)).size, 3);
+    assert.doesNotMatch(parts[0][2], /^((.)\2)+$/);
+  },
+});
+
+// How many of five bytes are written if the hook at "append-write" returns one of these values.
 const RETURNED = [
   [5, [5, 6, 1e9, 2 ** 32 - 1, 2 ** 32 + 7, -1, undefined, null, '2', true, {}, [1], 2n]],
   [4, [4, 4.999]],
@@ -159,7 +157,7 @@ const RETURNED = [
   [0, [0, -0, 0.9, NaN, Infinity, -Infinity, 2 ** 32]],
 ].flatMap(([count, values]) => values.map((value) => [`${value}`, { f: OLD }, count, value]));
 
-each('append flushes as much as its hook allows, then fails', RETURNED, (ctx, count, value) => {
+each('append flushes what its hook allows, then fails if short', RETURNED, (ctx, count, value) => {
   const fired = [];
   const hook = ({ point }) => fired.push(point) && (point === 'append-write' ? value : 1);
   const call = ['append', [ctx.handle, ['f'], 0, 0, Buffer.from('abcde')]];

@@ -1,9 +1,8 @@
 'use strict';
 
-// What a crash leaves on the disk, after every call of every operation that changes it. The
+// What a crash can leave on the disk after each system call of each operation that changes it. The
 // recorded calls are replayed on the three kinds of disk in support/disk.js. Every operation must
-// keep its promises on all three, except that publishVerified needs a disk that keeps names in
-// order.
+// keep its promises on all three, except publishVerified: it needs a disk that keeps names in order.
 
 const { rehearse } = require('./support/faults.js');
 const assert = require('node:assert/strict');
@@ -13,69 +12,70 @@ const { Disk, plain } = require('./support/disk.js');
 const { table } = require('./support/harness.js');
 const { scenarios } = require('./support/scenarios.js');
 
-// What else a crash may leave than the disk before or after the operation. Directories on the way
-// and the temporary file of write do not count.
+// What a crash may leave besides the disk before and after the operation. Parent directories and the
+// temporary file of write are left out of the comparison.
 const HALF_WAY = {
-  create: (...images) => isGrown(...images),
-  append: (...images) => isGrown(...images),
+  create: (...images) => isPartlyWritten(...images),
+  append: (...images) => isPartlyWritten(...images),
   // Both names.
-  publishVerified: (is, before, after) => isDeepStrictEqual(is, { ...before, ...after }),
-  // Some of what is beneath it is gone.
-  remove: (is, before) => Object.keys(is).every((name) => is[name] === before[name]),
+  publishVerified: (image, before, after) => isDeepStrictEqual(image, { ...before, ...after }),
+  // A part of the tree is gone.
+  remove: (image, before) => Object.keys(image).every((name) => image[name] === before[name]),
 };
-// The old bytes are there, and after them anything up to the length of the new ones.
-function isGrown(is, before, after, leaf) {
-  const isOld = (is[leaf] ?? '').startsWith(before[leaf] ?? '10 ');
-  const isLonger = is[leaf]?.length > after[leaf].length;
-  return isOld && !isLonger && isDeepStrictEqual({ ...is, [leaf]: after[leaf] }, after);
+// The old bytes are there, followed by any bytes up to the length of the new content.
+function isPartlyWritten(image, before, after, leaf) {
+  const isOld = (image[leaf] ?? '').startsWith(before[leaf] ?? '10 ');
+  const isLonger = image[leaf]?.length > after[leaf].length;
+  return isOld && !isLonger && isDeepStrictEqual({ ...image, [leaf]: after[leaf] }, after);
 }
 
-function isLawful({ operation, paths }, before, after, image) {
-  const isPassing = (name) =>
+function isAllowed({ operation, paths }, before, after, image) {
+  const isLeftOut = (name) =>
     paths.some((names) => names.join('/').startsWith(`${name}/`)) ||
     (operation === 'write' && name.includes('.tarvek-'));
-  const lasting = (one) => Object.fromEntries(Object.entries(one).filter(([at]) => !isPassing(at)));
-  const [was, will, is] = [before, after, image].map(lasting);
-  if (isDeepStrictEqual(is, was) || isDeepStrictEqual(is, will)) return true;
-  return HALF_WAY[operation]?.(is, was, will, paths[0].join('/')) ?? false;
+  const [old, updated, found] = [before, after, image].map((whole) =>
+    Object.fromEntries(Object.entries(whole).filter(([name]) => !isLeftOut(name))),
+  );
+  if (isDeepStrictEqual(found, old) || isDeepStrictEqual(found, updated)) return true;
+  return HALF_WAY[operation]?.(found, old, updated, paths[0].join('/')) ?? false;
 }
 
-// The images that break a promise when the crash comes after one of the calls, and the images after
-// the last call that have lost its effect.
+// The images that break a promise if the crash comes after one of the calls, and the images after
+// the last call that have lost the effect of the operation.
 function replay(scenario, { calls, ...images }, kind) {
   const [before, after] = [images.before, images.after].map(plain);
   const disk = new Disk(images.before, kind);
-  const unlawful = [];
+  const forbidden = [];
   for (const call of calls) {
     disk.apply(call);
     for (const image of disk.states()) {
-      if (!isLawful(scenario, before, after, image)) unlawful.push([call.text, image]);
+      if (!isAllowed(scenario, before, after, image)) forbidden.push([call.text, image]);
     }
   }
-  return { unlawful, lost: [...disk.states()].filter((one) => !isDeepStrictEqual(one, after)) };
+  return { forbidden, lost: [...disk.states()].filter((one) => !isDeepStrictEqual(one, after)) };
 }
 
 function verify(scenario) {
   for (const kind of ['journal', 'log', 'none']) {
-    const { unlawful, lost } = replay(scenario, rehearse(scenario), kind);
+    const { forbidden, lost } = replay(scenario, rehearse(scenario), kind);
     assert.deepEqual(lost, [], kind);
     const isRisky = scenario.operation === 'publishVerified' && kind === 'none';
-    if (isRisky) assert.notEqual(unlawful.length, 0, 'it relies on the order of names');
-    else assert.deepEqual(unlawful, [], kind);
+    if (isRisky) assert.notEqual(forbidden.length, 0, 'it needs a disk that keeps names in order');
+    else assert.deepEqual(forbidden, [], kind);
   }
 }
 
 // exchangeForTest flushes nothing and promises nothing.
 const changing = scenarios.filter((one) => one.mutates && one.operation !== 'exchangeForTest');
 const rows = changing.map((scenario) => [scenario.name, () => verify(scenario)]);
-table('whatever has reached the disk at a crash, it holds what the operation promises', rows);
+table('a crash after any system call leaves a disk that keeps the promises', rows);
 
-test('a candidate whose old name is flushed first can be lost', () => {
+test('flushing the removal of the old name first could lose the published file', () => {
   const name = 'publishVerified fd:a/b/leaf a/b/leaf c/d/other OLD';
   const scenario = scenarios.find((one) => one.name === name);
-  const whole = rehearse(scenario);
-  const calls = whole.calls.filter((call) => call.name !== 'fsync');
-  const flushes = whole.calls.filter((call) => call.name === 'fsync').reverse();
-  const { unlawful } = replay(scenario, { ...whole, calls: [...calls, ...flushes] }, 'log');
-  assert.deepEqual(unlawful.at(-1)[1], { a: '4', 'a/b': '4', c: '4', 'c/d': '4' });
+  const normal = rehearse(scenario);
+  const calls = normal.calls.filter((call) => call.name !== 'fsync');
+  const flushes = normal.calls.filter((call) => call.name === 'fsync').reverse();
+  const { forbidden } = replay(scenario, { ...normal, calls: [...calls, ...flushes] }, 'log');
+  assert.deepEqual(forbidden.at(-1)[1], { a: '4', 'a/b': '4', c: '4', 'c/d': '4' });
 });

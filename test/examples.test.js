@@ -48,7 +48,7 @@ for (const [command, [status, output]] of Object.entries(RUNS)) {
 
 const makeDirectory = () => fs.mkdtempSync(path.join(cwd, 'hostile-'));
 const file = (at, mode) => fs.writeFileSync(at, '', { mode });
-// In the order of their bytes: the name, as latin1, what makes it, and how check.js begins its line.
+// Sorted by bytes: the name as latin1, what creates it, and the beginning of its line in check.js.
 const OBSTACLES = [
   ['.tarvek-1', file, '.tarvek-1: temporary file of a write, running or crashed, 0 days old'],
   ['a\n\xe2\x80\xae', (at) => fs.symlinkSync('.', at), 'a\\x0a\\u{202e}: symlink (P'],
@@ -101,7 +101,7 @@ threads.Worker = function start(...args) {
 const { openRoot } = require('../examples/server.js');
 const big = (text) => Buffer.alloc(2 ** 20, text);
 
-test('server.js takes Buffers over, and passes on results and errors', async () => {
+test('server.js transfers or copies Buffers, and passes results and errors on', async () => {
   const root = await openRoot(makeDirectory());
   const [whole, pooled, other] = [big('a'), Buffer.from('b'), big('c')];
   const written = root.write(['d', 'whole'], whole);
@@ -118,7 +118,7 @@ test('server.js takes Buffers over, and passes on results and errors', async () 
   await root.close();
 });
 
-test('server.js closes after the calls before, and rejects those after, or if it died', async () => {
+test('server.js closes after earlier calls, and rejects later ones and those of a dead worker', async () => {
   const directory = makeDirectory();
   await assert.rejects(openRoot(`${directory}/none`), { code: 'NOT_FOUND' });
   const root = await openRoot(directory);

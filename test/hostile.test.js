@@ -1,42 +1,42 @@
 'use strict';
 
-// What each operation does, and what becomes of it when something else stands where it must not
-// act, or when its surroundings change at one of its points. The disk is compared whole.
+// Every operation on a hostile disk: entries that it must refuse, and changes at each of its hook
+// points and stages. The tests compare the outcome and the whole disk.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const path = require('node:path');
 const { isExternal } = require('node:util').types;
 const { OLD, lines, symlink, hardlink, fifo, socket, build } = require('./support/harness.js');
-const { assertTree, prepare, attempt, expectThrough } = require('./support/harness.js');
+const { assertTree, prepare, attempt, expectPassedOn } = require('./support/harness.js');
 const { expectCall, each } = require('./support/harness.js');
 const { scenarios } = require('./support/scenarios.js');
 const tarvek = require('./support/tarvek.js');
 
-const whole = scenarios.map((scenario) => [scenario.name, scenario.before, scenario]);
+const successes = scenarios.map((scenario) => [scenario.name, scenario.before, scenario]);
 
-each('operations do what they should, also when the hook calls the module', whole, (ctx, row) => {
-  let within = false;
+each('each operation succeeds, even if its hook calls the module', successes, (ctx, row) => {
+  let isInside = false;
   const hook = () => {
-    if (within) return;
-    within = true;
+    if (isInside) return;
+    isInside = true;
     tarvek.close(tarvek.openRoot(ctx.root));
-    within = false;
+    isInside = false;
   };
   row.check(expectCall('-', ctx, row.call, hook), ctx);
   assertTree(row.after);
 });
 
-// Swaps are renames: a directory that is deleted and made again can come back with its old inode
-// number, and then nobody could tell that it was swapped. The decoys hold what the operation wants.
+// Each swap renames the directory: if it were removed and created again, it could get its old inode
+// number, and no check could see the swap. The decoys contain what the operation looks for.
 const SWAPS = {
   'by another directory': (directory, decoy) => fs.renameSync(decoy, directory),
-  'by a link to another directory': (directory, decoy) => fs.symlinkSync(decoy, directory),
-  'by a link to itself': (directory, _, away) => fs.symlinkSync(away, directory),
+  'by a symlink to another directory': (directory, decoy) => fs.symlinkSync(decoy, directory),
+  'by a symlink to itself': (directory, _, away) => fs.symlinkSync(away, directory),
   'by nothing': () => {},
 };
 const swapOf = (name, swap, layout) => (ctx) => {
-  const [outside, away] = ['outside', 'away'].map((folder) => path.join(ctx.base, folder));
+  const [outside, away] = ['outside', 'away'].map((one) => path.join(ctx.base, one));
   const decoy = path.join(outside, name);
   build(outside, layout);
   fs.mkdirSync(decoy, { recursive: true });
@@ -44,8 +44,8 @@ const swapOf = (name, swap, layout) => (ctx) => {
   swap(ctx.at(name), decoy, away);
 };
 
-// Passes the bytes in memory that can be transferred or, except on old Nodes, resized. Memory that
-// has grown still holds the bytes.
+// The bytes of a call, in memory that a hook can transfer and, except in old versions of Node,
+// resize. Memory that grew still holds the bytes.
 const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, 30] : ['gone'];
 const loseTo = (length) => (ctx) =>
   length === 'gone'
@@ -62,8 +62,8 @@ function prepareLosable(ctx, call) {
   return [operation, losable];
 }
 
-// The harm that a hook or a stage does at every point of every scenario, as [name, deed, outcome].
-function deedsAt(notes, { call, before }) {
+// The attacks of a hook or a stage at one point of a scenario, as [name, attack, outcome].
+function attacksAt(notes, { call, before }) {
   const directories = Object.keys(notes).filter((name) => name.endsWith('/'));
   const swaps = directories.flatMap((name) =>
     Object.entries(SWAPS).map(([how, swap]) => {
@@ -82,44 +82,44 @@ const points = scenarios.flatMap((scenario) =>
 const when = (point, act) => (event) =>
   Object.keys(event).every((key) => event[key] === point[key]) ? void act() : undefined;
 
-const deeds = points.flatMap(({ scenario, point, notes }) =>
-  deedsAt(notes, scenario).map(([what, ...deed]) => [
+const attacks = points.flatMap(({ scenario, point, notes }) =>
+  attacksAt(notes, scenario).map(([what, ...rest]) => [
     ...[`${scenario.name}: ${what} at ${Object.values(point)}`, scenario.before],
-    ...[scenario, point, ...deed],
+    ...[scenario, point, ...rest],
   ]),
 );
-each('a hook or a stage does harm', deeds, (ctx, row, point, act, expected = '-') => {
+each('an attack at any hook ends as listed', attacks, (ctx, row, point, act, expected = '-') => {
   const call = prepareLosable(ctx, row.call);
-  const harm = when(point, () => act(ctx));
-  const result = expectCall(expected, ctx, call, harm);
+  const attack = when(point, () => act(ctx));
+  const result = expectCall(expected, ctx, call, attack);
   if (expected === '-') row.check(result, ctx);
 });
 
 const throwing = points.map(({ scenario, point }) => [
   ...[`${scenario.name}: ${Object.values(point)}`, scenario.before, scenario.call, point],
 ]);
-each('a hook or a stage throws', throwing, (ctx, call, point) =>
-  expectThrough((thrower) => attempt(ctx, call, when(point, thrower))),
+each('what a hook or a stage throws reaches the caller', throwing, (ctx, call, point) =>
+  expectPassedOn((thrower) => attempt(ctx, call, when(point, thrower))),
 );
 
-// Rows of [name, layout, call, and a failure that harness.js names, or "-" for success]. The
-// directory `made` is there afterwards just if the call names it, and `never` is not.
-function ends(title, rows) {
+// Rows of [name, layout, call, outcome]: a failure that harness.js names, or "-" for success.
+// Afterwards the directory `made` exists only if the call names it, and `never` does not exist.
+function outcomes(title, rows) {
   each(title, rows, (ctx, call, expected) => {
     const result = expectCall(expected, ctx, call);
     if (isExternal(result)) tarvek.close(result);
-    assert.equal(fs.existsSync(ctx.at('made')), call.includes(' made/'), 'the way is made');
-    assert.equal(fs.existsSync(ctx.at('never')), false, 'no way is made');
+    assert.equal(fs.existsSync(ctx.at('made')), call.includes(' made/'), '`made` exists');
+    assert.equal(fs.existsSync(ctx.at('never')), false, '`never` exists');
   });
 }
-// The same on one layout, from lines of an outcome and calls.
+// Such rows, all on one layout, from lines of an outcome and calls.
 const rowsOf = (layout, text, callOf = (cell) => cell) =>
   lines(text).flatMap(([expected, ...cells]) =>
     cells.map((cell) => [`${cell}: ${expected}`, layout, callOf(cell), expected]),
   );
 
 const KINDS = {
-  'a link': [symlink('file'), symlink('tree'), symlink('nowhere')],
+  'a symlink': [symlink('file'), symlink('tree'), symlink('nowhere')],
   'a hard link': [hardlink('twin')],
   special: [fifo(), socket()],
   'a directory': [{ g: '' }],
@@ -127,9 +127,9 @@ const KINDS = {
   nothing: [undefined],
 };
 
-// What comes of it when d/f is a link and so on, and when there is no d.
+// The outcome if d/f is a symlink, and so on, and if d is missing.
 const [, ...LEAVES] = lines(`
-  the call                              a link     a hard link  special    a directory  a file     nothing    no ancestor
+  the call                              a symlink  a hard link  special    a directory  a file     nothing    no parent
   exists d/f                            outside    outside      -          -            -          -          -
   read d/f                              outside    outside      outside    outside      -          missing    missing
   list d/f                              outside    outside      outside    -            outside    missing    missing
@@ -150,30 +150,30 @@ const [, ...LEAVES] = lines(`
   publishVerified fd:file file d/f OLD  exists     exists       exists     exists       exists     -          -`);
 
 const AROUND = { file: OLD, tree: { f: OLD }, twin: OLD };
-const standing = LEAVES.flatMap(([call, ...outcomes]) =>
+const kinds = LEAVES.flatMap(([call, ...cells]) =>
   Object.entries(KINDS).flatMap(([kind, contents], column) => {
-    const [nothing, nowhere] = outcomes.slice(-2);
-    const above = { nothing: nowhere, 'a directory': nothing }[kind] ?? 'outside';
+    const [nothing, noParent] = cells.slice(-2);
+    const above = { nothing: noParent, 'a directory': nothing }[kind] ?? 'outside';
     return contents.flatMap((f, i) => [
-      [`${call}: ${kind} ${i}`, { ...AROUND, d: { ...AROUND, f } }, call, outcomes[column]],
+      [`${call}: ${kind} ${i}`, { ...AROUND, d: { ...AROUND, f } }, call, cells[column]],
       [`${call}: d is ${kind} ${i}`, { ...AROUND, d: f }, call, above],
     ]);
   }),
 );
 
-ends('at the leaf or above it stands something else', standing);
+outcomes('a wrong kind of entry at the leaf or above it is refused', kinds);
 
 const BURIED = [symlink('../../f'), symlink('x'), hardlink('../../f'), fifo(), socket()];
 const TREES = lines(`
   capture d   link     link     hardLink  special  special
   snapshot d  outside  outside  outside   outside  outside
   remove d    outside  outside  outside   -        -`);
-const buried = ([call, ...outcomes]) =>
-  BURIED.map((x, i) => [`${call}: ${x} ${i}`, { f: OLD, d: { s: { x } } }, call, outcomes[i]]);
+const buried = ([call, ...cells]) =>
+  BURIED.map((x, i) => [`${call}: ${x} ${i}`, { f: OLD, d: { s: { x } } }, call, cells[i]]);
 
-ends('what must not be in a tree is found', TREES.flatMap(buried));
+outcomes('a wrong kind of entry inside a tree is refused', TREES.flatMap(buried));
 
-// Links by number: the first stands for a, and the second for l/d.
+// The symlinks l/0, l/1 and so on: l/0 is the right one for the target a, and l/1 for l/d.
 const TEXTS = ['../a', '../l/d', 'a', './../a', '../a/', '../A', '../ax', '../../a', 'd'];
 const l = { ...TEXTS.map(symlink), d: {} };
 const ENTRIES = { a: { '...': { f: OLD } }, ünï: {}, 'b\\': '', f: OLD, twin: OLD, l };
@@ -198,32 +198,32 @@ const CALLS = `
   entry      ${[2, 3, 4, 5, 6, 7].map((i) => `ensureRelativeSymlink l/${i} a`).join('  ')}
   entry      ensureRelativeSymlink l/8 l/d  ensureRelativeSymlink l/0 l/d`;
 
-ends('the paths, the links and the descriptor must fit together', rowsOf(ENTRIES, CALLS));
+outcomes('arguments that do not fit the disk or each other are refused', rowsOf(ENTRIES, CALLS));
 
-// An expected and a minimum size, of a file of nineteen bytes.
+// Pairs of an expected and a minimum size, for a file of nineteen bytes.
 const SIZES = `
   -        0 0  -0 0  4 0  19 0  19 19  19.9 0  -0.9 0  0 -0.9  4.9 4  5 4.9  5.2 5.8  NaN 0  Infinity 0
   append   20 0  20.5 0  20 20  2147483648 0  4294967296 0  4294967315 0  9007199254740994 9  1e300 1e300
   storage  3 5  0 1  19 20  NaN 1  Infinity 1  -1 0  0 -1  -1 -1  -1 -2  -1e300 0  9007199254740992 1e300`;
 const sizes = rowsOf({ f: OLD }, SIZES, (pair) => `append f ${pair} NEW`);
-ends('append takes its sizes as whole numbers', sizes);
+outcomes('append cuts its sizes to whole numbers and checks them', sizes);
 
-// What happens to the file d/f or the directory d/t, which have copies beside them, or at d/n,
-// where nothing was.
+// What another process does to the file d/f or the directory d/t, each with a copy beside it, or at
+// d/n, which is missing at first.
 const CHANGES = {
   replaced: (at) => fs.renameSync(at, `${at}~`) ?? fs.renameSync(`${at}'`, at),
-  linked: (at) => fs.renameSync(at, `${at}~`) ?? fs.symlinkSync(`${at}'`, at),
-  'named twice': (at) => fs.linkSync(at, `${at}~`),
+  'made a symlink': (at) => fs.renameSync(at, `${at}~`) ?? fs.symlinkSync(`${at}'`, at),
+  'hard-linked': (at) => fs.linkSync(at, `${at}~`),
   gone: (at) => fs.renameSync(at, `${at}~`),
   truncated: (at) => fs.truncateSync(at, 3),
   'a file': (at) => fs.writeFileSync(at, OLD),
   'a directory': (at) => fs.mkdirSync(at),
-  'a link': (at) => fs.symlinkSync('f', at),
+  'a symlink': (at) => fs.symlinkSync('f', at),
 };
 
-// Behind the last look nothing matters any more. "?" is left out: it cannot be done to a directory.
+// After its last check, a call does not notice a change. "?" does not apply to a directory.
 const CHANGED = lines(`
-  the call                          at                         replaced          linked            named twice  gone       truncated
+  the call                          at                         replaced          made a symlink    hard-linked  gone       truncated
   exists d/f                        pre-effect                 -                 outside           outside      -          -
   read d/f                          pre-effect                 -                 outside           outside      missing    -
   write d/f NEW                     pre-effect                 -                 outside           outside      -          -
@@ -244,7 +244,7 @@ const CHANGED = lines(`
   capture d/t                       capture-directory-read     changedDirectory  changedDirectory  ?            missing    ?`);
 
 const APPEARS = lines(`
-  the call                            at                         a file            a directory       a link
+  the call                            at                         a file            a directory       a symlink
   exists d/n                          pre-effect                 -                 -                 outside
   write d/n NEW                       pre-effect                 -                 outside           outside
   write d/n NEW stage                 before-file-rename         -                 storage           -
@@ -258,19 +258,19 @@ const APPEARS = lines(`
 
 const COPIES = { d: { f: OLD, "f'": OLD, t: {}, "t'": {} } };
 const changesOf = ([[, , ...hows], ...rows]) =>
-  rows.flatMap(([call, point, ...outcomes]) =>
-    hows.map((how, i) => [`${call}: ${how} at ${point}`, COPIES, call, point, how, outcomes[i]]),
+  rows.flatMap(([call, point, ...cells]) =>
+    hows.map((how, i) => [`${call}: ${how} at ${point}`, COPIES, call, point, how, cells[i]]),
   );
 const changes = [...changesOf(CHANGED), ...changesOf(APPEARS)].filter((row) => row.at(-1) !== '?');
 
-each('the leaf changes', changes, (ctx, call, point, how, expected) => {
+each('a changed leaf is refused if a check follows', changes, (ctx, call, point, how, expected) => {
   const name = how.startsWith('a ') ? 'n' : /d\/(.)/.exec(call)[1];
-  const moments = [() => CHANGES[how](ctx.at('d', name))];
-  const act = (event) => void (event.point === point && moments.pop()?.());
-  // Opening for append makes a missing file, which stays when it is then refused.
+  const once = [() => CHANGES[how](ctx.at('d', name))];
+  const act = (event) => void (event.point === point && once.pop()?.());
+  // Opening for append creates a missing file. It stays if the call then refuses it.
   const left = how === 'gone' && call.startsWith('append') ? { 'root/d/f': '100600 1 ' } : {};
-  // Clocks of file systems tick slowly: only an old time is sure to change.
+  // File system clocks are coarse. Only an old time is sure to change.
   fs.utimesSync(ctx.at('d'), 1, 1);
   expectCall(expected, ctx, call, act, left);
-  if (how === 'linked') assert.equal(fs.readFileSync(ctx.at("d/f'"), 'utf8'), OLD);
+  if (how === 'made a symlink') assert.equal(fs.readFileSync(ctx.at("d/f'"), 'utf8'), OLD);
 });

@@ -27,7 +27,7 @@ setFlagsFromString('--expose-gc');
 const collect = runInNewContext('gc');
 
 // First in its process: once the C library has served large blocks, it keeps larger ones as well.
-test('the memory of a large Buffer is given back with the Buffer', () => {
+test('the memory of a large Buffer returns to the system when the Buffer is collected', () => {
   sandbox({ f: '' }, (ctx) => {
     // A Buffer's memory is freed on another thread, and a second collection waits for that.
     const resident = () => collect() ?? collect() ?? process.memoryUsage.rss();
@@ -38,14 +38,14 @@ test('the memory of a large Buffer is given back with the Buffer', () => {
     const grown = resident() - before;
     assert.ok(sanitized || grown < 3 * SLACK, `${grown} bytes more, with ${kept.length} Buffers`);
     fs.truncateSync(ctx.at('f'), 12 << 20);
-    // After several, the C library serves the memory from a heap that it keeps.
+    // After several reads, the C library serves the memory from a heap that it keeps.
     for (let i = 0; i < 6; ++i) call(ctx, 'read f');
     const mappings = fs.readFileSync('/proc/self/smaps', 'utf8');
     assert.doesNotMatch(mappings, /^VmFlags:.* hg\b/m, 'a heap stays marked for large pages');
   });
 });
 
-// Together the calls leave everything as they find it. Through the link all of them are refused.
+// Together the calls leave the tree as they found it. Through the symlink, every call is refused.
 const LAYOUT = { d: { f: OLD, c: OLD, s: { g: 'one' }, l: symlink('../d/s') }, link: symlink('d') };
 const ROUND = lines(`
   exists d/f                 read d/f                  list d/s
@@ -71,7 +71,7 @@ async function work(handle, round, calls) {
   return process.memoryUsage().rss;
 }
 
-test('a long run leaves nothing behind', async (t) => {
+test('a long run of calls leaks neither memory nor descriptors', async (t) => {
   build(place.root, LAYOUT);
   const ctx = { ...place, handle: tarvek.openRoot(place.root), open: fs.openSync };
   const round = ROUND.flatMap((words) => [
@@ -80,7 +80,7 @@ test('a long run leaves nothing behind', async (t) => {
   ]);
   const warmth = round.length * 250;
   await work(ctx.handle, round, warmth);
-  // What a descriptor is open on is told differently once it has moved.
+  // Counted only: the path of an open file reads differently after the file was renamed.
   const before = descriptors().length;
   const warm = await work(ctx.handle, round, warmth);
   const grown = (await work(ctx.handle, round, CALLS)) - warm;
@@ -90,7 +90,7 @@ test('a long run leaves nothing behind', async (t) => {
   fs.rmSync(place.root, { recursive: true });
 });
 
-// Without content, and as large as the file system accepts.
+// Creates a file without data, as large as the file system accepts.
 function makeSparse(at, size) {
   const { status } = spawnSync('truncate', ['-s', String(size), at]);
   if (status !== 0) makeSparse(at, size / 2n);
@@ -99,8 +99,8 @@ function makeSparse(at, size) {
 const LEVELS = 15_000;
 const limitTo = (limit) => execFileSync('prlimit', [`--pid=${process.pid}`, limit]);
 const LARGE = ['read sparse/f', 'capture sparse', 'snapshot sparse'];
-const GREEDY = ['capture chain', 'snapshot chain', 'remove short', ...LARGE];
-// What comes of a worker's calls, whose stack is the smaller one: how much they return, or a code.
+const HEAVY = ['capture chain', 'snapshot chain', 'remove short', ...LARGE];
+// Makes calls in a worker, because its stack is smaller. Posts the size of each result, or a code.
 const WORKER = `
   const { parentPort, workerData } = require('node:worker_threads');
   const tarvek = require(workerData.module);
@@ -116,20 +116,20 @@ const WORKER = `
   parentPort.postMessage(outcomes);`;
 
 async function expectInWorker(...expected) {
-  const calls = GREEDY.map((words) => prepare(place, words));
+  const calls = HEAVY.map((words) => prepare(place, words));
   const workerData = { module: MODULE, root: place.root, calls };
   const worker = new Worker(WORKER, { eval: true, workerData });
   const [[outcomes]] = await Promise.all([once(worker, 'message'), once(worker, 'exit')]);
-  assert.deepEqual(outcomes, expected, GREEDY.join(', '));
+  assert.deepEqual(outcomes, expected, HEAVY.join(', '));
 }
 
-test('depth and size end in a failure, never in a crash, and leave no descriptor', async (t) => {
+test('extreme depth and size fail without a crash and leak no descriptor', async (t) => {
   const [, limit] = /open files +(\d+)/.exec(fs.readFileSync('/proc/self/limits', 'utf8'));
   t.after(() => {
     limitTo(`--nofile=${limit}:`);
     execFileSync('rm', ['-rf', place.root]);
   });
-  // Removing takes two descriptors a level, the others one.
+  // remove takes two descriptors for each level, the others take one.
   const removable = Math.min(LEVELS, Math.floor((limit - 200) / 2));
   for (const [name, levels] of Object.entries({ chain: LEVELS, short: removable, sparse: 0 })) {
     execFileSync('mkdir', ['-p', place.at(name, 'd/'.repeat(levels))]);
@@ -151,8 +151,8 @@ const call = (ctx, words) => {
   return tarvek[operation](...args);
 };
 
-// A process that makes a call until it fails, and prints how often that went well and how it ended.
-// All that it still needs then has run before: compiling takes memory as well.
+// A process that repeats a call until it fails, and prints the number of results and the failure.
+// All code that it then needs has run before, because compiling takes memory too.
 const GREEDY_PROCESS = `
   const { execFileSync } = require('node:child_process');
   const fs = require('node:fs');
@@ -176,8 +176,8 @@ const GREEDY_PROCESS = `
   print(repeat(Infinity));
   process.reallyExit(0);`;
 
-// How many files of which size are in d, room for how many of them the address space has left, and
-// how many results fit into it at least.
+// The call, the number and the size of the files in d, how many such files the free address space
+// can hold, and how many results fit into it at least.
 const SCARCE = lines(`
   read d/0    1   268435456  1.5  1
   read d/0    1   3900000    1.5  1
@@ -193,7 +193,7 @@ const scarce = SCARCE.map(([words, ...numbers]) => {
 const possible = scarce.filter(([, , , size]) => size > 1e6 || !sanitized);
 
 each(
-  'too little memory for the bytes ends in a failure',
+  'too little memory for bytes fails without a crash',
   possible,
   (ctx, words, size, room, fit) => {
     for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
@@ -221,7 +221,7 @@ test('a file larger than a Buffer is refused before a byte is read', () => {
   });
 });
 
-test('failures in the middle of a tree leave no memory behind', () => {
+test('failures in the middle of a tree leak no memory', () => {
   const files = filesOf(40, Buffer.alloc(1 << 18));
   sandbox({ d: { ...files, z: symlink('0') }, e: files }, (ctx) => {
     const throwAt9 = ({ segment }) => assert.notEqual(segment, 'e/9', 'thrown by the hook');
@@ -241,7 +241,7 @@ test('failures in the middle of a tree leave no memory behind', () => {
   });
 });
 
-test('the collector frees the events of a hook while the call goes on', () => {
+test('the events of a hook can be collected before the call ends', () => {
   sandbox({ d: filesOf(200, '') }, (ctx) => {
     let held;
     tarvek.setTestHook((event) => {

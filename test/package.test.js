@@ -16,7 +16,7 @@ const EXPORTS =
 
 const native = require(process.env.TARVEK_MODULE || '../build/Release/tarvek.node');
 
-test('the native module has just its functions, in order, which nobody can replace or enumerate', () => {
+test('the native module has exactly its functions, in order, neither replaceable nor enumerable', () => {
   const properties = Object.getOwnPropertyDescriptors(native);
   assert.deepEqual(Reflect.ownKeys(properties), EXPORTS);
   for (const [name, { value, ...flags }] of Object.entries(properties)) {
@@ -26,7 +26,7 @@ test('the native module has just its functions, in order, which nobody can repla
   assert.notEqual(native.open, native.openRoot);
 });
 
-test('require gives a plain object of them, which a console shows and a test can mock', (t) => {
+test('require returns a plain object, which a console can show and a test can mock', (t) => {
   assert.deepEqual(Object.keys(tarvek), EXPORTS);
   assert.equal(inspect(tarvek).match(/\[Function/g).length, EXPORTS.length);
   for (const name of EXPORTS) {
@@ -36,7 +36,7 @@ test('require gives a plain object of them, which a console shows and a test can
   }
 });
 
-test('import gives what require gives, by name and as the default', async () => {
+test('import returns what require returns, by name and as the default', async () => {
   const imported = await import('tarvek');
   assert.equal(imported.default, tarvek);
   for (const name of EXPORTS) assert.equal(imported[name], tarvek[name], name);

@@ -1,7 +1,7 @@
-// Stands between the module and libc. Records the module's calls, and makes some of them fail, move
-// fewer bytes, or report other values about a file. The test process preloads this library, and
-// loads it as an addon as well, which gives an ArrayBuffer over the state below. Only calls that
-// come from the module's code count, and only while `armed` is set.
+// Stands between the module and libc. Records the module's system calls, and makes some of them
+// fail, move fewer bytes, or report other values about a file. The test process preloads this
+// library. It also loads it as an addon, to get an ArrayBuffer over the state below. Calls count
+// only while `armed` is set, and only if the module's code makes them.
 
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -18,21 +18,21 @@ enum Action { NOTHING, FAIL, SHORT, ZERO, ALTER };
 
 static struct {
   uint64_t start, end;                  // the module's code
-  int64_t field, keep, add;             // a field's offset in struct stat, and how to alter it
-  int32_t armed, action, first, count;  // what happens to which calls, from 1
-  int32_t error[2];                     // of the first call that fails, and of later ones
-  int32_t calls, left, length;          // calls so far; a descriptor left open; of the record
-  char record[1 << 17];                 // a line for each call: name, arguments, errno, by tabs
+  int64_t field, keep, add;             // a field of struct stat: its offset, how to alter it
+  int32_t armed, action, first, count;  // what goes wrong, and at which calls, counted from 1
+  int32_t error[2];                     // errno of the first failing call, and of later ones
+  int32_t calls, left, length;          // calls so far; a descriptor left open; record size
+  char record[1 << 17];                 // a line for each call: name, arguments, errno
 } state;
 
-// All wrapped functions take integers or pointers, up to seven. On x86-64 the first six travel in
-// registers and the last one at a known place, so one signature serves for all.
+// All wrapped functions take at most seven arguments, integers or pointers. On x86-64 the first six
+// are in registers and the seventh has a fixed place on the stack, so one signature fits all.
 typedef long Function(long, long, long, long, long, long, long);
 #define CALL(function, a) function(a[0], a[1], a[2], a[3], a[4], a[5], a[6])
 
 #define RECORD(...) state.length += sprintf(state.record + state.length, __VA_ARGS__)
 
-// Writes a descriptor as the path that it is open on.
+// Records a descriptor as the path of its file.
 static void RecordPath(int fd) {
   char link[32];
   char path[4096] = "nothing";
@@ -44,7 +44,7 @@ static void RecordPath(int fd) {
 
 // `shape` has a letter for each argument: d a descriptor, D a directory stream, s a string, b
 // bytes, n a number of bytes, o the flags of an open, m a mode, i an integer, t a struct stat, p an
-// argument that is left out. A star at the end means that the call returns a pointer.
+// argument that is not recorded. A star at the end means that the call returns a pointer.
 static void Record(const char* name, const char* shape, const long* a) {
   RECORD("%s", name);
   for (int i = 0; shape[i] != '\0'; ++i) {
@@ -58,12 +58,12 @@ static void Record(const char* name, const char* shape, const long* a) {
   }
 }
 
-// Alters the first result that is due, and later ones for the same file.
-static void Alter(struct stat* told, int isFirst) {
+// Alters the first result that the plan selects, and later results for the same file.
+static void Alter(struct stat* result, int isFirst) {
   static ino_t altered;
-  if (isFirst) altered = told->st_ino;
-  if (told->st_ino != altered) return;
-  int64_t* field = (int64_t*)((char*)told + state.field);
+  if (isFirst) altered = result->st_ino;
+  if (result->st_ino != altered) return;
+  int64_t* field = (int64_t*)((char*)result + state.field);
   *field = (*field & state.keep) + state.add;
 }
 
@@ -75,9 +75,9 @@ static long Act(Function* real, const char* name, const char* shape, long* a) {
   const int nth = ++state.calls - state.first;
   const int due = nth >= 0 && nth < state.count ? state.action : NOTHING;
   const char* number = strchr(shape, 'n');
-  const char* told = strchr(shape, 't');
+  const char* stat = strchr(shape, 't');
   if (due == FAIL) {
-    if (strncmp(name, "close", 5) == 0) CALL(real, a);  // Linux closes even so
+    if (strncmp(name, "close", 5) == 0) CALL(real, a);  // a failing close still closes
     if (strcmp(name, "fdopendir") == 0) state.left = (int)a[0];
     errno = state.error[nth > 0];
     return strchr(shape, '*') ? 0 : -1;
@@ -88,9 +88,9 @@ static long Act(Function* real, const char* name, const char* shape, long* a) {
   }
   if (due == SHORT && number != NULL) a[number - shape] -= a[number - shape] / 2;
   const long result = CALL(real, a);
-  if (due == ALTER && told != NULL && (int)result == 0) Alter((struct stat*)a[told - shape], !nth);
-  // A successful call may leave anything in errno. Not so the end of a file or of a directory, and
-  // not unlinkat: write reads errno after it, for the failure that came before.
+  if (due == ALTER && stat != NULL && (int)result == 0) Alter((struct stat*)a[stat - shape], !nth);
+  // A successful call may leave any value in errno, so leave a wrong one. Except at the end of a
+  // file or directory, and in unlinkat: after it, write reads the errno of an earlier failure.
   const int isEnd = result == 0 && strpbrk(shape, "n*") != NULL;
   if (!Failed(shape, result) && !isEnd && strcmp(name, "unlinkat") != 0) errno = ENOENT;
   return result;

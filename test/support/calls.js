@@ -1,12 +1,12 @@
 'use strict';
 
-// Reads the listings in test/calls/: the system calls of each scenario (see scenarios.js), in
-// order, and the outcome when a call goes wrong. The README.md there explains the format.
+// Reads the listings in test/calls/: the system calls of each scenario (see scenarios.js) in their
+// order, and the outcome if one of them goes wrong. test/calls/README.md explains the format.
 
 const fs = require('node:fs');
 const path = require('node:path');
 
-const FOLDER = path.join(__dirname, '../calls');
+const LISTINGS = path.join(__dirname, '../calls');
 const GROUPS = {
   identity: ['device', 'inode'],
   type: ['link', 'special'],
@@ -16,7 +16,7 @@ const GROUPS = {
 };
 GROUPS.all = [...Object.values(GROUPS).flat(), 'mode'];
 
-// Turns "links type: outside; once mode: -" into an outcome for each word.
+// Turns "links type: outside; once mode: -" into one outcome for each word, such as "once mode".
 function notesIn(text) {
   const notes = {};
   for (const part of text.split('; ')) {
@@ -29,14 +29,14 @@ function notesIn(text) {
 }
 
 const parseLine = (line) => {
-  const [told, notes] = line.trim().split(/ +! /);
-  return { text: told.replace(/ +/g, ' '), notes: notes ? notesIn(notes) : {} };
+  const [call, notes] = line.trim().split(/ +! /);
+  return { text: call.replace(/ +/g, ' '), notes: notes ? notesIn(notes) : {} };
 };
 
-// The lines of each scenario by its name, which is the heading above them.
+// The lines of each scenario, by its name. The name is the heading above the lines.
 const sections = new Map();
-for (const file of fs.readdirSync(FOLDER).filter((name) => name.endsWith('.txt'))) {
-  for (const section of fs.readFileSync(path.join(FOLDER, file), 'utf8').split(/\n(?=\S)/)) {
+for (const file of fs.readdirSync(LISTINGS).filter((name) => name.endsWith('.txt'))) {
+  for (const section of fs.readFileSync(path.join(LISTINGS, file), 'utf8').split(/\n(?=\S)/)) {
     const [name, ...lines] = section.split('\n').filter(Boolean);
     sections.set(name, lines.map(parseLine));
   }

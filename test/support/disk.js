@@ -1,13 +1,13 @@
 'use strict';
 
-// A model of a disk: replays recorded calls, and yields what a crash can leave.
+// A model of a disk. It replays recorded calls and yields every image that a crash can leave.
 //
-// A name is durable after a flush of its directory, and bytes after a flush of their file. What is
-// not flushed may or may not have reached the disk. A rename reaches it whole or not at all. There
-// are three kinds of disk:
+// A name is durable after a flush of its directory, and bytes are durable after a flush of their
+// file. A change that is not flushed may or may not have reached the disk. A rename reaches the disk
+// completely or not at all. There are three kinds of disk:
 //
-//   journal  names reach the disk in order; the flush of a directory brings all earlier changes
-//   log      names reach the disk in order, all at once; but the flush of a directory brings only
+//   journal  names reach the disk in order; the flush of a directory flushes all earlier changes
+//   log      names reach the disk in order, all at once; but the flush of a directory flushes only
 //            the changes in that directory
 //   none     names reach the disk in any combination; a rename needs a flush of both directories
 
@@ -15,30 +15,31 @@ const { constants } = require('node:fs');
 const path = require('node:path');
 const { place } = require('./harness.js');
 
-// A directory is an empty object: its entries follow from the changes. Anything else is a type and
-// a text: `now` is what processes see, and `kept` what a crash may leave.
-const makeLeaf = (is) => ({ now: is, kept: new Set([is]) });
+// A directory is an empty object: the list of changes determines its entries. Every other node has a
+// type and a content, in one string. `now` is what processes see, and `kept` what a crash can leave.
+const makeLeaf = (content) => ({ now: content, kept: new Set([content]) });
 
-// Without modes and link counts.
+// The image without modes and link counts, which the model does not know.
 function plain(image) {
-  const without = ([name, is]) => [name, is.replace(/^(\d+)\d{4}( \d+)?/, '$1')];
-  return Object.fromEntries(Object.entries(image).map(without));
+  const typeOnly = ([name, entry]) => [name, entry.replace(/^(\d+)\d{4}( \d+)?/, '$1')];
+  return Object.fromEntries(Object.entries(image).map(typeOnly));
 }
 
 function namesIn(directory, changes) {
   const names = new Map();
-  for (const [at, name, node] of changes.flatMap((one) => one.names)) {
-    if (at === directory) names.set(name, node);
+  for (const [parent, name, node] of changes.flatMap((one) => one.names)) {
+    if (parent === directory) names.set(name, node);
   }
   return names;
 }
 
-function imagesOf(node, changes, textsOf, at = '') {
-  if (node.kept) return textsOf(node).map((is) => ({ [at]: is }));
+// Every image of the tree at `node` after these changes. `contentsOf` returns the possible contents.
+function imagesOf(node, changes, contentsOf, at = '') {
+  if (node.kept) return contentsOf(node).map((content) => ({ [at]: content }));
   let images = [at ? { [at]: '4' } : {}];
   for (const [name, inner] of namesIn(node, changes)) {
-    const ways = inner ? imagesOf(inner, changes, textsOf, path.join(at, name)) : [{}];
-    images = images.flatMap((image) => ways.map((way) => ({ ...image, ...way })));
+    const below = inner ? imagesOf(inner, changes, contentsOf, path.join(at, name)) : [{}];
+    images = images.flatMap((image) => below.map((more) => ({ ...image, ...more })));
   }
   return images;
 }
@@ -49,11 +50,11 @@ class Disk {
 
   constructor(image, kind) {
     this.kind = kind;
-    for (const [at, is] of Object.entries(plain(image))) {
+    for (const [at, content] of Object.entries(plain(image))) {
       const [directory, name] = [path.dirname(at), path.basename(at)];
-      this.change([place.at(directory), name, is === '4' ? {} : makeLeaf(is)]);
+      this.change([place.at(directory), name, content === '4' ? {} : makeLeaf(content)]);
     }
-    for (const one of this.changes) one.waits = [];
+    for (const one of this.changes) one.unflushed = [];
   }
 
   // The node at an absolute path, as processes see it.
@@ -62,34 +63,36 @@ class Disk {
     return names.reduce((node, name) => namesIn(node, this.changes).get(name), this.root);
   }
 
-  // Sets each [directory, name, node], or removes it without a node. `waits` still need a flush.
+  // Sets each [directory, name, node], or removes the name if there is no node. `unflushed` lists the
+  // directories that must still be flushed before the change is durable.
   change(...changes) {
-    const names = changes.map(([at, ...change]) => [this.find(at), ...change]);
-    this.changes.push({ names, waits: names.map(([at]) => at) });
+    const names = changes.map(([directory, ...rest]) => [this.find(directory), ...rest]);
+    this.changes.push({ names, unflushed: names.map(([directory]) => directory) });
   }
 
-  // The method of its name replays a call, with paths for descriptors. Other calls change nothing.
+  // Replays a call with the method of its name, with paths for descriptors. Other calls do nothing.
   apply({ name, args, error }) {
     if (!error) this[name]?.(...args);
   }
 
-  mkdirat = (at, name) => this.change([at, name, {}]);
-  unlinkat = (at, name) => this.change([at, name]);
-  symlinkat = (text, at, name) => this.change([at, name, makeLeaf(`12 ${text}`)]);
-  linkat = (a, from, b, to) => this.change([b, to, this.find(path.join(a, from))]);
-  renameat = (a, from, b, to) => this.change([a, from], [b, to, this.find(path.join(a, from))]);
+  mkdirat = (directory, name) => this.change([directory, name, {}]);
+  unlinkat = (directory, name) => this.change([directory, name]);
+  symlinkat = (text, directory, name) => this.change([directory, name, makeLeaf(`12 ${text}`)]);
+  linkat = (dir1, from, dir2, to) => this.change([dir2, to, this.find(path.join(dir1, from))]);
+  renameat = (dir1, from, dir2, to) =>
+    this.change([dir1, from], [dir2, to, this.find(path.join(dir1, from))]);
 
-  openat(at, name, flags) {
-    const isMade = flags & constants.O_CREAT && !this.find(path.join(at, name));
-    if (isMade) this.change([at, name, makeLeaf('10 ')]);
+  openat(directory, name, flags) {
+    const isNew = flags & constants.O_CREAT && !this.find(path.join(directory, name));
+    if (isNew) this.change([directory, name, makeLeaf('10 ')]);
   }
 
-  // Appends. A crash can leave all of the bytes, a part, or zeros.
+  // Every write appends. A crash can leave all of its bytes, a part of them, or zeros.
   write(at, quoted) {
     const bytes = quoted.slice(1, -1);
     const node = this.find(at);
     const pieces = [bytes, bytes.slice(0, bytes.length / 2), '\0'.repeat(bytes.length)];
-    node.kept = new Set([...node.kept].flatMap((is) => [is, ...pieces.map((one) => is + one)]));
+    node.kept = new Set([...node.kept].flatMap((old) => [old, ...pieces.map((one) => old + one)]));
     node.now += bytes;
   }
 
@@ -100,8 +103,8 @@ class Disk {
       return;
     }
     for (const one of this.changes) {
-      const isBrought = this.kind === 'log' ? one.waits.includes(node) : this.kind === 'journal';
-      one.waits = isBrought ? [] : one.waits.filter((directory) => directory !== node);
+      const isWhole = this.kind === 'log' ? one.unflushed.includes(node) : this.kind === 'journal';
+      one.unflushed = isWhole ? [] : one.unflushed.filter((directory) => directory !== node);
     }
   }
 
@@ -112,9 +115,10 @@ class Disk {
 
   // All images that a crash can leave.
   *states() {
-    const pending = this.changes.filter(({ waits }) => waits.length > 0);
+    const pending = this.changes.filter(({ unflushed }) => unflushed.length > 0);
     const inOrder = this.kind !== 'none';
     const count = inOrder ? pending.length + 1 : 1 << pending.length;
+    // In order, the first n pending changes survive. Otherwise the bits of n select the lost ones.
     for (let n = 0; n < count; ++n) {
       const lost = pending.filter((_, i) => (inOrder ? i >= n : n & (1 << i)));
       const changes = this.changes.filter((one) => !lost.includes(one));

@@ -15,15 +15,15 @@ const tarvek = require('./tarvek.js');
 const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
 
 const CACHE = path.join(__dirname, '../../build/Release/CMakeCache.txt');
-// Lazy binding: child processes that are not Node load the library too, and lack Node-API.
+// Lazy binding: child processes other than Node load the library too, and have no Node-API.
 const OPTIONS = '-std=c11 -O1 -Wall -Wextra -Werror -shared -fPIC -Wl,-z,lazy -x c'.split(' ');
 
-// Compiles the library for each test file, which takes 0.1 s, with the compiler that built the
-// module: it compiles C as well.
-function startOver() {
+// Compiles the library and runs the test file again with it. Compiling takes 0.1 s. The compiler is
+// the one that built the module, because it compiles C too.
+function restartPreloaded() {
   const cache = fs.readFileSync(CACHE, 'utf8');
   const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(cache);
-  // LD_PRELOAD splits its value at blanks and colons.
+  // LD_PRELOAD splits its value at spaces and colons.
   const folder = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
   const preloaded = path.join(folder, 'faults.so');
   const source = path.join(__dirname, '../interpose/faults.c');
@@ -31,7 +31,7 @@ function startOver() {
   const env = {
     ...process.env,
     TARVEK_TEST_PRELOADED: preloaded,
-    // Before a sanitizer's runtime, or that would make the calls instead of the module.
+    // Before a sanitizer's runtime: otherwise that makes the calls, and only the module's count.
     LD_PRELOAD: `${preloaded}:${LD_PRELOAD}`,
     ASAN_OPTIONS: `${ASAN_OPTIONS}:verify_asan_link_order=0`,
   };
@@ -41,11 +41,11 @@ function startOver() {
   if (run.signal) console.error(`tarvek: the process under test ended by ${run.signal}`);
   process.exit(run.status ?? 1);
 }
-if (!TARVEK_TEST_PRELOADED) startOver();
+if (!TARVEK_TEST_PRELOADED) restartPreloaded();
 
 const ACTIONS = ['nothing', 'fail', 'short', 'zero', 'alter'];
-// How each field of struct stat is altered: its offset, a mask for what is kept, and what is added.
-// The mode is the lower half of the 64 bits at its offset.
+// How to alter each field of struct stat: its offset, a mask of the bits to keep, and a number to
+// add. The mode is the lower half of the 64 bits at its offset.
 const FAR = 2n ** 40n;
 const TYPE = 0o170000n;
 const FIELDS = {
@@ -59,17 +59,18 @@ const FIELDS = {
 
 const shared = { exports: {} };
 process.dlopen(shared, TARVEK_TEST_PRELOADED);
-const long = new BigInt64Array(shared.exports, 0, 5);
-const state = new Int32Array(shared.exports, long.byteLength, 9);
-const [LEFT, LENGTH] = [7, 8];
-const record = Buffer.from(shared.exports, long.byteLength + state.byteLength);
+// The `state` of faults.c: five fields of 64 bits, nine of 32 bits, then the record.
+const longs = new BigInt64Array(shared.exports, 0, 5);
+const ints = new Int32Array(shared.exports, longs.byteLength, 9);
+const [ARMED, LEFT, LENGTH] = [0, 7, 8];
+const record = Buffer.from(shared.exports, longs.byteLength + ints.byteLength);
 const maps = fs.readFileSync('/proc/self/maps', 'utf8');
 const [, ...code] = /^(\w+)-(\w+) r-x.*\/tarvek\.node$/m.exec(maps);
-long.set(code.map((at) => BigInt(`0x${at}`)));
+longs.set(code.map((address) => BigInt(`0x${address}`)));
 
-// Puts a hook point or a stage into the record, between the calls.
+// Writes a hook point or a stage into the record, between the system calls.
 function note(...words) {
-  state[LENGTH] += record.write(`${words.join('\t')}\t0\n`, state[LENGTH]);
+  ints[LENGTH] += record.write(`${words.join('\t')}\t0\n`, ints[LENGTH]);
 }
 
 const OPEN = {
@@ -77,7 +78,7 @@ const OPEN = {
   ...{ NONBLOCK: 0o4000, DIRECTORY: 0o200000, NOFOLLOW: 0o400000, CLOEXEC: 0o2000000 },
 };
 const AT = { NOFOLLOW: 0x100, REMOVEDIR: 0x200, FOLLOW: 0x400 };
-// Which argument of a call is its flags.
+// The position of the flags among the arguments of a call.
 const FLAGS = { open: 1, openat: 2, fstatat: 2, unlinkat: 2, linkat: 4 };
 function flagsIn(number, known) {
   const words = Object.keys(known).filter((word) => number & known[word]);
@@ -85,30 +86,30 @@ function flagsIn(number, known) {
   return [...words, ...(rest ? [`0${rest.toString(8)}`] : [])].join('|') || '0';
 }
 
-// The line of a listing in test/calls/. Undefined for calls that are left out: what openRoot does
-// above the root, since the number of directories there varies, and each readdir that yields "." or
-// "..", since file systems yield them at different places.
+// The line for a call in test/calls/. Undefined for calls that the listings leave out: those of
+// openRoot above the root, because the number of directories there varies, and each readdir that
+// returns "." or "..", because their position depends on the file system.
 const isAbove = (at) => at.startsWith('/') && place.base.startsWith(at);
-function show(name, args, error) {
-  const [at, second, third] = args;
-  if (at === 'root-ancestor-open' && third < place.depth) return undefined;
+function lineOf(name, args, error) {
+  const [first, second, third] = args;
+  if (first === 'root-ancestor-open' && third < place.depth) return undefined;
   if (name === 'readdir' && second) return undefined;
-  if (isAbove(at) && second !== 'root' && (at !== '/' || name.endsWith('at') || name === 'fstat'))
-    return undefined;
+  const isOnSlash = first === '/' && !name.endsWith('at') && name !== 'fstat';
+  if (isAbove(first) && second !== 'root' && !isOnSlash) return undefined;
   const words = args.map((arg, i) => {
     if (i === FLAGS[name]) return flagsIn(arg, name.startsWith('open') ? OPEN : AT);
     const isWithin = arg === place.base || arg.startsWith(place.root);
     return isWithin ? path.relative(place.root, arg) || '.' : arg || '""';
   });
-  if (at === 'root-ancestor-open') words[2] -= place.depth;
+  if (first === 'root-ancestor-open') words[2] -= place.depth;
   return [name, ...words, ...(error ? ['=', error] : [])].join(' ');
 }
 
-// The recorded calls, hooks and stages, in order. `nth` counts the calls alone.
+// The recorded system calls, hooks and stages, in order. `nth` numbers the system calls only.
 function callsIn(text) {
-  let made = 0;
+  let count = 0;
   const plain = text.replace(/\.tarvek-\d+-\d+-[0-9a-f]{32}/g, '.tarvek-*');
-  // Older C libraries have __fxstat in the place of fstat.
+  // Older C libraries have __fxstat in place of fstat.
   return plain
     .replaceAll('__fx', 'f')
     .split('\n')
@@ -117,15 +118,15 @@ function callsIn(text) {
       const [name, ...args] = line.split('\t');
       const code = Number(args.pop());
       const error = code && getSystemErrorName(-code);
-      const nth = name === 'hook' || name === 'stage' ? undefined : ++made;
-      return { nth, name, args, error, text: show(name, args, error) };
+      const nth = name === 'hook' || name === 'stage' ? undefined : ++count;
+      return { nth, name, args, error, text: lineOf(name, args, error) };
     });
 }
 
-// Makes the scenario's call. By the plan, `count` system calls from the `first` on go wrong: they
-// fail with `error` (after the first one with `then`), move fewer bytes, return 0 with errno set to
-// `error`, or report another value in `field`. Passes the outcome, the calls, and the trees before
-// and after to `verify`.
+// Makes the scenario's call. The plan makes `count` system calls go wrong, from number `first` on.
+// By its `action` they fail with `error` (all but the first with `then`), move fewer bytes, return 0
+// with errno set to `error`, or report another value in `field`. Passes the outcome, the calls, and
+// the trees before and after to `verify`.
 function run(scenario, plan, verify) {
   const { action = 'nothing', first = 0, count = 1, error, then = error, field } = plan;
   sandbox(scenario.before, (ctx) => {
@@ -134,14 +135,14 @@ function run(scenario, plan, verify) {
     tarvek.setTestHook(({ point, segment, index }) => note('hook', point, segment, index));
     const [operation, args] = prepare(ctx, scenario.call);
     const errors = [error, then].map((one) => os.constants.errno[one] ?? 0);
-    long.set(FIELDS[field] ?? [], 2);
-    state.set([1, ACTIONS.indexOf(action), first, count, ...errors, 0, -1, 0]);
+    longs.set(FIELDS[field] ?? [], 2);
+    ints.set([1, ACTIONS.indexOf(action), first, count, ...errors, 0, -1, 0]);
     const outcome = thrownBy(() => tarvek[operation](...args));
-    state[0] = 0;
+    ints[ARMED] = 0;
     tarvek.setTestHook();
-    // When fdopendir fails, the module leaves the duplicate open, as its interface requires.
-    if (state[LEFT] >= 0) fs.closeSync(state[LEFT]);
-    const calls = callsIn(record.toString('utf8', 0, state[LENGTH]));
+    // If fdopendir fails, the module leaves the duplicate open, as its interface requires.
+    if (ints[LEFT] >= 0) fs.closeSync(ints[LEFT]);
+    const calls = callsIn(record.toString('utf8', 0, ints[LENGTH]));
     try {
       verify({ ctx, outcome, calls, before, after: treeOf(ctx.root) });
     } catch (thrown) {
@@ -153,14 +154,14 @@ function run(scenario, plan, verify) {
   });
 }
 
-// The result, the calls and the trees when nothing goes wrong.
+// Runs the scenario without a fault. Returns the result, the calls and the trees.
 function rehearse(scenario) {
-  let whole;
+  let normal;
   run(scenario, {}, (seen) => {
-    whole = { ...seen, result: expectOutcome('-', seen.outcome) };
-    scenario.check(whole.result, seen.ctx);
+    normal = { ...seen, result: expectOutcome('-', seen.outcome) };
+    scenario.check(normal.result, seen.ctx);
   });
-  return whole;
+  return normal;
 }
 
 module.exports = { run, rehearse, FIELDS: Object.keys(FIELDS), FAR };

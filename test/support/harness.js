@@ -9,7 +9,7 @@ const path = require('node:path');
 const test = require('node:test');
 const tarvek = require('./tarvek.js');
 
-// The lines of a table, split where two blanks or more stand.
+// The lines of a table, each split at two or more spaces.
 const lines = (text) => Array.from(text.trim().split('\n'), (line) => line.trim().split(/ {2,}/));
 
 const FAILURES = lines(`
@@ -33,13 +33,14 @@ const FAILURES = lines(`
 const failures = FAILURES.map(([name]) => name);
 const codes = FAILURES.map(([, code]) => code);
 
-// A layout is what is on disk: a string or Buffer is a file, an object a directory (the module
-// itself gives neither of their modes), a function makes what is neither, and undefined is nothing.
+// A layout describes what is on disk. A string or Buffer is a file, an object is a directory, a
+// function creates any other entry at the path `at`, and undefined is a missing entry. The module
+// itself gives new entries other modes, those of `fresh`.
 const symlink = (text) => (at) => fs.symlinkSync(text, at);
 const hardlink = (sibling) => (at) => fs.linkSync(path.join(path.dirname(at), sibling), at);
 const fifo = () => (at) => execFileSync('mkfifo', [at]);
 const socket = () => (at) => {
-  // Closing the server takes away the name that it was bound to.
+  // Closing the server removes the name that it was bound to.
   const server = net.createServer().listen(`${at}~`);
   try {
     fs.renameSync(`${at}~`, at);
@@ -52,7 +53,7 @@ const withMode = (mode, content) => (at) => {
   fs.chmodSync(at, mode);
 };
 const isDirectory = (content) => typeof content === 'object' && !Buffer.isBuffer(content);
-// What the module makes itself.
+// With the mode of an entry that the module created.
 const fresh = (content) => withMode(isDirectory(content) ? 0o700 : 0o600, content);
 
 function build(at, content) {
@@ -63,7 +64,7 @@ function build(at, content) {
   for (const [name, inner] of Object.entries(content)) build(path.join(at, name), inner);
 }
 
-// Everything beneath `at`, comparable whole: by path, the type and mode, links and content.
+// The image of a tree: for each path beneath `at`, one string with its mode, links and content.
 function treeOf(at, prefix = '', image = {}) {
   for (const name of fs.readdirSync(at).sort()) {
     const inner = path.join(at, name);
@@ -85,18 +86,19 @@ function assertTree(layout) {
   assert.deepEqual(...images, 'the whole disk beneath the root');
 }
 
-// Descriptors that come and go: already closed, read by libc in other threads when it frees memory,
-// the report of a sanitizer, and one that Node reserves with its first socket.
-const PASSING = / (undefined|\/proc\/sys\/vm\/overcommit_memory|.*\/report\.\d+|\/dev\/null)$/;
+// Descriptors to ignore: already closed, read by libc in other threads when it frees memory, the
+// report of a sanitizer, and one that Node reserves with its first socket.
+const IGNORED = / (undefined|\/proc\/sys\/vm\/overcommit_memory|.*\/report\.\d+|\/dev\/null)$/;
 function descriptors() {
   const targetOf = (fd) => thrownBy(() => fs.readlinkSync(`/proc/self/fd/${fd}`)).result;
   const entries = fs.readdirSync('/proc/self/fd').map((fd) => `${fd} ${targetOf(fd)}`);
-  return entries.filter((entry) => !PASSING.test(entry));
+  return entries.filter((entry) => !IGNORED.test(entry));
 }
 
-// A call in words: the operation, then segment arrays joined by slashes (capture takes any number),
-// numbers, bytes by name, "@" before an absolute path, "=" before a mere string, "fd:" before a
-// file to open (for reading, or with flags behind a colon), and "stage" for a callback.
+// A call in words is the operation and its arguments: a segment array as names joined by slashes
+// (capture takes any number), a number, OLD or NEW for bytes, "@" before a path below the root to
+// make it absolute, "=" before a plain string, "fd:" before a file to open (for reading, or with the
+// flags after a second colon), and "stage" for a callback.
 const OLD = 'the bytes of before';
 const BYTES = { OLD: Buffer.from(OLD), NEW: Buffer.from('the new bytes') };
 
@@ -111,7 +113,7 @@ function argument(ctx, word) {
   return ctx.open(ctx.at(name), Number(flags) || flags);
 }
 
-// What the words call, as operation and arguments; opens what the call borrows.
+// Turns a call in words into [operation, arguments]. Opens the descriptor that the call borrows.
 function prepare(ctx, words) {
   const [operation, ...rest] = words.split(' ');
   const args = rest.map((word) => argument(ctx, word));
@@ -119,17 +121,17 @@ function prepare(ctx, words) {
   return [operation, [ctx.handle, ...(operation === 'capture' ? [args] : args)]];
 }
 
-// One directory for the whole process, for the root and for what is outside it. It is in memory
-// unless TMPDIR is set: a disk costs two thirds of the time.
+// One directory for the whole process holds the root and what is outside it. It is in memory unless
+// TMPDIR is set: on a disk, the tests spend two thirds of their time waiting for it.
 const isWritable = (at) => 'result' in thrownBy(() => fs.accessSync(at, fs.constants.W_OK));
-const folder = isWritable('/dev/shm') && !process.env.TMPDIR ? '/dev/shm' : os.tmpdir();
-const base = fs.mkdtempSync(path.join(fs.realpathSync(folder), 'tarvek-'));
-// A set-group-ID bit would go down into all that is made in it.
+const parent = isWritable('/dev/shm') && !process.env.TMPDIR ? '/dev/shm' : os.tmpdir();
+const base = fs.mkdtempSync(path.join(fs.realpathSync(parent), 'tarvek-'));
+// The directories created in it would inherit a set-group-ID bit.
 fs.chmodSync(base, 0o700);
 process.on('exit', () => fs.rmSync(base, { recursive: true, force: true }));
 const root = path.join(base, 'root');
 process.umask(0o022);
-// `depth`: the number of directories above the root, which openRoot walks as well.
+// `depth` is the number of directories above the root. openRoot walks through them too.
 const depth = root.split('/').length - 2;
 const place = { base, root, depth, at: (...names) => path.join(root, ...names) };
 
@@ -141,8 +143,8 @@ function thrownBy(body) {
   }
 }
 
-// Runs `body` on a root directory with this layout. Fails when a descriptor stays open; the hook,
-// what was borrowed and what is on disk are gone afterwards in any case.
+// Runs `body` on a root directory with this layout. Always removes the hook, the borrowed
+// descriptors and everything on disk afterwards. Fails if a descriptor stays open.
 function sandbox(layout, body) {
   const before = descriptors();
   const borrowed = [];
@@ -161,9 +163,9 @@ function sandbox(layout, body) {
   assert.deepEqual(descriptors(), before, 'the same descriptors are open as before');
 }
 
-// Makes a call, in words or as operation and arguments, and acts on every event of the hook, the
-// stages of a write included. After a failure the disk must be as the last event left it, with what
-// is `left` behind on purpose and without a temporary file.
+// Makes a call, given in words or as [operation, arguments]. Calls `act` at every hook point and at
+// every stage of a write. After a failure, the disk must be as the last event left it, without a
+// temporary file and with the entries `left`, which the call leaves behind on purpose.
 function attempt(ctx, call, act = () => {}, left = {}) {
   const [operation, args] = typeof call === 'string' ? prepare(ctx, call) : call;
   let image = treeOf(base);
@@ -183,7 +185,7 @@ function attempt(ctx, call, act = () => {}, left = {}) {
   return outcome;
 }
 
-// That a call ended in one of the failures above, or for "-" in success, which gives the result.
+// Asserts that a call ended in one of the failures above or, for "-", in success. Returns its result.
 function expectOutcome(expected, { thrown: error, ...returned }) {
   if (expected === '-') {
     if (!('result' in returned)) throw error;
@@ -194,48 +196,48 @@ function expectOutcome(expected, { thrown: error, ...returned }) {
   const isError = error instanceof Error && Object.getPrototypeOf(error) === Error.prototype;
   assert.ok(isError, `threw ${String(error)} instead of an Error with "${message}"`);
   assert.deepEqual([error.code, error.message], [code, message], error.stack);
-  assert.deepEqual(Object.keys(error), ['code'], 'nothing but the code is told');
+  assert.deepEqual(Object.keys(error), ['code'], 'the error has only its code');
 }
 const expectCall = (expected, ...calling) => expectOutcome(expected, attempt(...calling));
 
-// That whatever a callback throws is what comes out of the call that is made with it.
-function expectThrough(callWith) {
+// Asserts that the caller gets exactly what the callback of `callWith(callback)` throws.
+function expectPassedOn(callWith) {
   for (const value of [new Error('by the callback'), 'a string', undefined]) {
     const thrower = () => {
       throw value;
     };
     const outcome = callWith(thrower);
-    assert.ok('thrown' in outcome && outcome.thrown === value, `came out as ${outcome.thrown}`);
+    assert.ok('thrown' in outcome && outcome.thrown === value, `the caller got ${outcome.thrown}`);
   }
 }
 
-// An error's message, and where in a test file it came up.
-function told(error) {
+// An error's message, and the line of the test file where it was thrown.
+function describe(error) {
   const [where] = /\n.*\.test\.js:.*/.exec(error?.stack) ?? [''];
   return `${error?.message ?? error}${where}`;
 }
 
-// One test of many rows, each [name, body]; every failing row is told.
+// One test for many rows, each [name, body]. Its message lists every row that failed.
 function table(title, rows) {
   test(title, (t) => {
     assert.notEqual(rows.length, 0, 'the table is empty');
     const failed = rows.flatMap(([name, body]) => {
       const outcome = thrownBy(body);
-      return 'thrown' in outcome ? [`- ${name}: ${told(outcome.thrown)}`] : [];
+      return 'thrown' in outcome ? [`- ${name}: ${describe(outcome.thrown)}`] : [];
     });
     t.diagnostic(`${rows.length} cases`);
     assert.equal(failed.length, 0, `${failed.length} cases failed\n${failed.join('\n')}`);
   });
 }
 
-// The same with a sandbox for each row, which is [name, layout, and what else `run` is given].
+// The same for rows [name, layout, ...rest], each in a sandbox of its own: calls run(ctx, ...rest).
 function each(title, rows, run) {
   const bodyOf = ([layout, ...rest]) => sandbox(layout, (ctx) => run(ctx, ...rest));
   const bodies = rows.map(([name, ...rest]) => [name, () => bodyOf(rest)]);
   table(title, bodies);
 }
 
-// The same for bodies by name, on one layout.
+// The same for an object of bodies by name. All start from one layout.
 function cases(title, layout, bodies) {
   const rows = Object.entries(bodies).map(([name, body]) => [name, layout, body]);
   each(title, rows, (ctx, body) => body(ctx));
@@ -244,5 +246,5 @@ function cases(title, layout, bodies) {
 module.exports = {
   ...{ OLD, BYTES, lines, failures, codes, symlink, hardlink, fifo, socket, withMode, fresh },
   ...{ build, treeOf, assertTree, place, descriptors, prepare, sandbox, thrownBy, attempt },
-  ...{ expectOutcome, expectCall, expectThrough, table, each, cases },
+  ...{ expectOutcome, expectCall, expectPassedOn, table, each, cases },
 };

@@ -1,16 +1,16 @@
 'use strict';
 
-// Every operation that touches the disk, where it succeeds: in the root, three levels deep, with
-// its ancestors missing where it makes them, over existing entries where it takes them. What each
-// one calls, and which points it fires, is listed by its name in test/calls/.
+// Successful calls of every operation that touches the disk: on an entry directly in the root, three
+// levels deep, with missing parent directories if the operation creates them, and on an existing
+// entry if it accepts one. test/calls/ lists the system calls and hook points of each by its name.
 //
-//   name                 the call in words (see harness.js), and behind a comma what it meets
-//   operation, call      name of the exported function; the words alone, for prepare()
+//   name                 the call in words (see harness.js), and after a comma what it finds on disk
+//   operation, call      name of the exported function; the words without the comma, for prepare()
 //   before, after        the layouts beneath the root; `mutates`: whether they differ
-//   paths                its segment arrays, first walked first; they share no directory
-//   check(result, ctx)   asserts the result and releases it
-//   listing              its lines there (see calls.js)
-//   hooks                of these the points that fire, as { point, segment, index, notes }, and
+//   paths                its segment arrays in the order of the walks; they share no directory
+//   check(result, ctx)   asserts that the result is right; closes it if it is a handle
+//   listing              its lines in test/calls/ (see calls.js)
+//   hooks                the hook points among these lines, as { point, segment, index, notes }, and
 //                        the stages of a write, as { point, notes }
 
 const assert = require('node:assert/strict');
@@ -27,29 +27,31 @@ function identityOf(at) {
   const { dev, ino } = fs.statSync(at, { bigint: true });
   return { dev, ino };
 }
-const opened = (handle, ctx, leaf) => {
+const checkOpened = (handle, ctx, leaf) => {
   assert.deepEqual(tarvek.rootIdentity(handle), identityOf(ctx.at(...leaf)));
   tarvek.close(handle);
 };
-const captured = (records, _, leaf) => {
+const checkCaptured = (records, _, leaf) => {
   const directory = (path) => ({ path, type: 'directory', mode: 0o755 });
   const file = ([name, body]) => ({ path: `${top}/${name}`, type: 'file', mode: 0o644, body });
   const top = leaf.join('/');
   const [f, g] = Object.entries(FILES).map(file);
   assert.deepEqual(records, [directory(top), f, directory(`${top}/s`), g]);
 };
+// The second path is the symlink that leads to the first.
 const linked = (leaf, other) => [TREE, symlink([...other.slice(1).fill('..'), ...leaf].join('/'))];
 
-// What is at the leaf, and at the other path of a call that names two, before and after.
+// `before` and `after`: what is at the leaf, and at the other path if the call names two. `makes`: the
+// call creates missing parent directories. `flat`: test the call in the root only.
 const ROWS = {
-  'openRoot @leaf': { before: [{}], check: opened },
-  'openRelative leaf': { before: [TREE], check: opened },
+  'openRoot @leaf': { before: [{}], check: checkOpened },
+  'openRelative leaf': { before: [TREE], check: checkOpened },
   'exists leaf, a file': { before: [OLD], result: true },
   'exists leaf, a directory': { before: [{}], result: true, flat: true },
   'exists leaf, nothing': { result: false, flat: true },
   'read leaf': { before: [OLD], result: BYTES.OLD },
   'list leaf': { before: [TREE], result: ['f', 's'] },
-  'capture leaf': { before: [TREE], check: captured },
+  'capture leaf': { before: [TREE], check: checkCaptured },
   'snapshot leaf': { before: [TREE], result: Object.assign(Object.create(null), FILES) },
   'write leaf NEW, nothing': { after: [NEW], makes: true },
   'write leaf NEW, a file': { before: [OLD], after: [NEW], flat: true },
@@ -70,7 +72,7 @@ const ROWS = {
   'publishVerified fd:leaf leaf other OLD': { before: [OLD], after: [undefined, OLD], makes: true },
 };
 
-const beneath = (directories, name, content, wrap = (layout) => layout) =>
+const nest = (directories, name, content, wrap = (layout) => layout) =>
   directories.reduceRight((inner, at) => ({ [at]: wrap(inner) }), { [name]: content });
 
 const hooksIn = (lines) =>
@@ -82,6 +84,7 @@ const hooksIn = (lines) =>
     return kind === 'hook' ? [{ point, segment: name, index: Number(index) + above, notes }] : [];
   });
 
+// `near` and `far` are the parent directories of the leaf and of the other path.
 function scenario(row, near, far, missing = false) {
   const [words, what] = row.split(', ');
   const { before = [], after = before, result, check } = ROWS[row];
@@ -90,11 +93,11 @@ function scenario(row, near, far, missing = false) {
   const paths = words.includes('other') ? [leaf, other] : [leaf];
   const call = words.replace(/leaf/g, leaf.join('/')).replace('other', other.join('/'));
   const name = [call, what, missing && 'its ancestors missing'].filter(Boolean).join(', ');
-  // Only the ancestors of the last path are ever missing.
-  const layout = (contents, made, wrap) => {
+  // Only the parent directories of the last path can be missing.
+  const layout = (contents, hasParents, wrap) => {
     const [first, second] = typeof contents === 'function' ? contents(leaf, other) : contents;
-    if (paths.length === 1) return made ? beneath(near, 'leaf', first, wrap) : {};
-    return { ...beneath(near, 'leaf', first), ...(made && beneath(far, 'other', second, wrap)) };
+    if (paths.length === 1) return hasParents ? nest(near, 'leaf', first, wrap) : {};
+    return { ...nest(near, 'leaf', first), ...(hasParents && nest(far, 'other', second, wrap)) };
   };
   return {
     ...{ name, operation: words.split(' ')[0], call, paths, mutates: after !== before },
@@ -107,16 +110,16 @@ function scenario(row, near, far, missing = false) {
 
 const NEAR = ['a', 'b'];
 const FAR = ['c', 'd'];
-const places = ([row, { flat, makes }]) => [
+const variants = ([row, { flat, makes }]) => [
   scenario(row, [], []),
   ...(flat ? [] : [scenario(row, NEAR, FAR)]),
   ...(makes ? [scenario(row, NEAR, FAR, true)] : []),
 ];
-const scenarios = Object.entries(ROWS).flatMap(places);
+const scenarios = Object.entries(ROWS).flatMap(variants);
 const name = 'exists a/b/leaf, an ancestor missing';
 scenarios.push({
   ...scenario('exists leaf, a file', NEAR, FAR),
-  ...{ name, before: { a: {} }, after: { a: {} }, check: (is) => assert.equal(is, false) },
+  ...{ name, before: { a: {} }, after: { a: {} }, check: (result) => assert.equal(result, false) },
   ...{ listing: listing(name), hooks: hooksIn(listing(name)) },
 });
 
