@@ -50,7 +50,7 @@ export interface RootHandle {
 /**
  * A path below a root, as an array with at least one name. The last name is the entry, the others
  * are its parent directories. A name is not empty, is not `.` or `..`, and contains no `/`, `\` or
- * NUL. No name is followed through a symlink. A lone surrogate becomes U+FFFD.
+ * NUL. A symlink is never followed. A lone surrogate becomes U+FFFD.
  *
  * @example ['reports', '2024', 'today.json']
  */
@@ -292,7 +292,7 @@ export function list(handle: RootHandle, segments: Segments): string[];
  * @throws `NOT_FOUND` A path or a parent directory is missing, or an entry vanished during the
  *   call.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory; or a file is
- *   larger than a Buffer can be.
+ *   larger than the largest Buffer.
  */
 export function capture(handle: RootHandle, paths: readonly Segments[]): CaptureRecord[];
 
@@ -309,7 +309,7 @@ export function capture(handle: RootHandle, paths: readonly Segments[]): Capture
  * @throws `HANDLE_CLOSED` The handle is closed.
  * @throws `NOT_FOUND` The directory or a parent is missing, or an entry vanished during the call.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory; or a file is
- *   larger than a Buffer can be.
+ *   larger than the largest Buffer.
  */
 export function snapshot(handle: RootHandle, segments: Segments): SnapshotFiles;
 
@@ -323,7 +323,7 @@ export function snapshot(handle: RootHandle, segments: Segments): SnapshotFiles;
  * @throws `HANDLE_CLOSED` The handle is closed.
  * @throws `NOT_FOUND` The file or a parent directory is missing.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, descriptors, memory; or the file is
- *   larger than a Buffer can be.
+ *   larger than the largest Buffer.
  */
 export function read(handle: RootHandle, segments: Segments): Buffer;
 
@@ -361,7 +361,7 @@ export function write(
  * that could not be written completely stays.
  *
  * @param body Used during the call only.
- * @param stage Accepted for likeness with {@link write}, and never called.
+ * @param stage Accepted because {@link write} has it, and never called.
  * @throws `OPTIMISTIC_CONFLICT` An entry of that name exists.
  * @throws `PATH_OUT_OF_ROOT` Wrong segments or a closed handle; or the entry is a symlink or a file
  *   with a second hard link; or a parent is a symlink or not a directory, or was replaced during
