@@ -18,17 +18,20 @@
  * Every function blocks the calling thread until it is done. It returns, or it throws one
  * {@link TarvekError} with one of the codes listed for it. Four other exceptions reach the caller
  * unchanged: those of a test hook, of a stage callback, of a getter on an element of a path, and
- * those of a replaced `Object.create` or of a setter on `Object.prototype`.
+ * those of a replaced `Object.create` or of a setter on `Object.prototype`, `Array.prototype` or
+ * `Error.prototype`.
  *
  * "Flushed" means that `fsync` succeeded before the function returned. Pass exactly the arguments
- * that are declared: an extra argument is an error.
+ * that are declared: an extra argument is an error, except in `setTestHook`,
+ * which ignores it.
  *
  * A race with another process can make a correct call fail, usually with `PATH_OUT_OF_ROOT`. For
  * example, a {@link read} fails now and then while another process replaces the file with
  * {@link write}. Such a call can be repeated.
  *
  * Bytes are passed as a `Uint8Array`, such as a Buffer, and are returned as a Buffer. The bytes of
- * other typed arrays are accepted too. An array that was detached before the call counts as empty.
+ * other typed arrays are accepted too. An array that is detached before the call, or by a getter
+ * on a path, counts as empty.
  */
 
 declare const brand: unique symbol;
@@ -61,7 +64,7 @@ export type Segments = readonly string[];
  *
  * - `PATH_OUT_OF_ROOT`: the call was refused because it could reach outside the root: a wrong path,
  *   a symlink, a file with a second hard link, a wrong file type, or an entry that was replaced
- *   during the call. Retry it a few times; after a race, a retry succeeds.
+ *   during the call. Retry it a few times; after a race, a retry usually succeeds.
  * - `NOT_FOUND`: the entry or a parent directory is missing.
  * - `HANDLE_CLOSED`: the handle is closed, or the value is not a handle. Some functions report this
  *   with another code.
@@ -279,7 +282,9 @@ export function exists(handle: RootHandle, segments: Segments): boolean;
 export function list(handle: RootHandle, segments: Segments): string[];
 
 /**
- * Reads files and whole directories into memory. Fails if anything in them changes during the call.
+ * Reads files and whole directories into memory. Fails if a file changes while it is read,
+ * or if names in a directory change before all of its contents are read. A file that changes after it
+ * was read is not noticed.
  *
  * @param paths At least one path. Each is a file, or a directory with everything below it. No file
  *   may be reached twice.
@@ -287,7 +292,7 @@ export function list(handle: RootHandle, segments: Segments): string[];
  *   a directory before its contents, names sorted by their bytes.
  * @throws `PATH_OUT_OF_ROOT` Wrong paths or a closed handle. Or, as the message tells: an entry is
  *   a symlink, a file with a second hard link, or neither a file nor a directory; a file was
- *   reached twice; or something changed during the call. Or a parent is a symlink or not a
+ *   reached twice; or a file or directory changed while it was read. Or a parent is a symlink or not a
  *   directory, or was replaced.
  * @throws `NOT_FOUND` A path or a parent directory is missing, or an entry vanished during the
  *   call.
@@ -520,7 +525,8 @@ export function move(handle: RootHandle, from: Segments, to: Segments): void;
  *   call.
  * @throws `FILESYSTEM_FAILURE` `expected` lost its memory during the call; or the system refused:
  *   permission, space, another file system, a failed flush. The candidate keeps its name and has no
- *   other one, unless the last step failed, a flush.
+ *   other one. Exceptions: after a failed flush it has the final name only. If the call could not
+ *   remove the final name again, it has both.
  */
 export function publishVerified(
   handle: RootHandle,

@@ -32,7 +32,7 @@ function failure(problem, remedy, cause) {
   const message = [
     `tarvek: ${problem}`,
     `  found:  ${process.platform} ${process.arch}, ${runtime}`,
-    '  needed: linux x64 or arm64, glibc 2.28 or newer, Node.js 18.17 or newer (of 20: 20.3 or newer)',
+    '  needed: linux x64 or arm64, glibc 2.28 or newer, Node.js 18.17 or newer of 18, or 20.3 or newer',
     `  to do:  ${remedy}`,
   ];
   return new Error(message.join('\n'), { cause });
@@ -55,7 +55,7 @@ function loadFailure(cause) {
   // Deno's error has a name of its own and no code.
   if (cause.code === 'ERR_DLOPEN_DISABLED' || cause.name === 'NotCapable') {
     const remedy = process.versions.deno
-      ? 'start Deno with --allow-ffi'
+      ? 'start Deno with --allow-ffi and --allow-read'
       : 'start Node.js with --allow-addons or without --permission, and without --no-addons';
     return failure(`this process may not load native modules: ${reason}`, remedy, cause);
   }

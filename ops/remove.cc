@@ -4,8 +4,8 @@
 // A directory is emptied in the order in which the system lists it, flushed and removed. The parent
 // of the top entry is flushed at the end.
 //
-// Left open on purpose: entries below the top are not compared with an earlier look. Each directory
-// is opened without following symlinks, which keeps the walk beneath the root.
+// Left open on purpose: a directory is not compared with the look before it was opened. Each
+// directory is opened without following symlinks, which keeps the walk beneath the root.
 
 #include <fcntl.h>
 #include <sys/stat.h>

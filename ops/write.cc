@@ -65,7 +65,8 @@ class TempEntry {
 
   void Keep() { present_ = false; }
 
-  // Ignores errors: the failure that leads here is the one to report.
+  // Ignores errors. After a failed write or flush the caller reads errno, so that a failed unlink
+  // is reported.
   void Unlink() {
     if (std::exchange(present_, false)) (void)::unlinkat(dirFd_, name_.c_str(), 0);
   }

@@ -1,5 +1,5 @@
 // capture: reads whole subtrees into memory, one record for each directory and regular file, and
-// fails if anything changes meanwhile.
+// fails if one of them changes while it is read.
 //
 // The metadata of a file is compared four times: by name before the open, by descriptor after it,
 // by descriptor after the reading, and by name again. A directory is compared in the same way
@@ -8,6 +8,7 @@
 // special files and a file that was already captured are refused.
 //
 // Left open on purpose: a change that is undone between two looks, times included, is not detected.
+// A file can also change after its last look, while the rest is read.
 
 #include <fcntl.h>
 #include <sys/stat.h>
