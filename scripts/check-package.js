@@ -4,7 +4,7 @@
 // scripts, into an empty folder. There it is compiled against, run in every runtime, compiled to
 // CommonJS, bundled, refused where it cannot be loaded, and rebuilt. Its steps are in check-package/.
 //
-// The tools, 1.4 GB with a lock file of their own, stay in build/check-package.
+// The tools, 1.6 GB with a lock file of their own, stay in build/check-package.
 
 const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
