@@ -429,18 +429,18 @@ export function append(
 export function ensureDirectory(handle: RootHandle, segments: Segments): void;
 
 /**
- * Creates a symlink to a directory below the same root. Its relative text climbs from the link to
- * the root and goes down from there. Creates missing parent directories of the link with mode 0700,
- * before the umask. Never replaces an entry.
+ * Creates a symlink to a directory below the same root. Its relative text climbs from the symlink
+ * to the root and goes down from there. Creates missing parent directories of the symlink with mode
+ * 0700, before the umask. Never replaces an entry.
  *
- * Flushed: the link and every new directory.
+ * Flushed: the symlink and every new directory.
  *
- * @param link The link.
- * @param target The directory that the link leads to.
- * @returns `true` if this call created the link, `false` if the same link existed.
- * @throws `OPTIMISTIC_CONFLICT` Another entry has the name of the link.
+ * @param link The symlink.
+ * @param target The directory that the symlink leads to.
+ * @returns `true` if this call created the symlink, `false` if the same symlink existed.
+ * @throws `OPTIMISTIC_CONFLICT` Another entry has the name of the symlink.
  * @throws `PATH_OUT_OF_ROOT` Wrong segments or a closed handle; or the target, or a parent of the
- *   target or of the link, is a symlink or not a directory, or was replaced during the call.
+ *   target or of the new symlink, is a symlink or not a directory, or was replaced during the call.
  * @throws `NOT_FOUND` The target or one of its parents is missing.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush.
  */

@@ -2,9 +2,9 @@
 
 const load = require('./load.js');
 
-// The functions in an object of their own, where they can be seen, enumerated and mocked; the native
+// The functions in an object of their own, where they can be seen, enumerated and mocked. The native
 // module's properties cannot. Both lists are written out: Node.js and bundlers read the names that
-// `import` offers from the text of the last one.
+// `import` offers from the text of the second one.
 const {
   open,
   openRoot,

@@ -1,9 +1,9 @@
 'use strict';
 
-// Loads the native module. What would crash the runtime is refused first. Every failure is one error
-// that says what was found, what is needed and what to do.
+// Loads the native module. Before that, refuses runtimes that it would crash. Every failure is one
+// error that says what was found, what is needed and what to do.
 //
-// The paths of the binaries are literal, so that bundlers and file tracers carry them along.
+// The paths of the binaries are literal, so that bundlers and file tracers include them.
 
 const fs = require('node:fs');
 const path = require('node:path');
@@ -13,11 +13,11 @@ const packed = {
   arm64: () => require('./prebuilds/linux-arm64/tarvek.node'),
 };
 
-// The folder of this file; undefined in a bundle, where the path is missing or relative. Not taken
-// from `__dirname`: file tracers carry along whatever a program looks for beneath that.
+// The directory of this file; undefined in a bundle, where the path is missing or relative. It does
+// not use `__dirname`: file tracers include every file that a program looks for beneath that.
 const folder = path.isAbsolute(module.path ?? '') ? module.path : undefined;
 
-// Looking at the disk may be forbidden, and must not hide the failure at hand.
+// Reading the disk may be forbidden. That must not hide the original failure.
 function orUndefined(look) {
   try {
     return look();
@@ -95,8 +95,8 @@ function checkRuntime() {
   }
 }
 
-// An executable names its dynamic linker, and so its C library, near its start. In Deno this is not
-// looked at, since Deno would ask the user for permission.
+// An executable names its dynamic linker, and so its C library, near its start. Skipped in
+// Deno, because Deno would ask the user for permission.
 function usesMusl() {
   if (process.versions.deno) return false;
   const start = Buffer.alloc(4096);

@@ -1,10 +1,10 @@
 // Keeps the module loadable wherever Node itself is: on glibc 2.28 and the C++ library of its time.
 //
-// A symbol is bound in the newest version that the building machine's libraries offer, and a system
-// whose libraries lack this version refuses the module. Three symbols used here are newer than that
-// floor. Each is defined below as a hidden function, so that every other file calls ::fstat and
-// ::fstatat and uses std::vector in the ordinary way. The first two call older functions of glibc.
-// scripts/check-symbols.js fails when another symbol rises above the floor.
+// The linker binds each symbol to the newest version in the libraries of the build machine. A
+// system whose libraries lack this version cannot load the module. Three symbols used here are
+// newer than that floor. Each is defined below as a hidden function, so that every other file calls
+// ::fstat and ::fstatat and uses std::vector in the ordinary way. The first two call older
+// functions of glibc. scripts/check-symbols.js fails if another symbol rises above the floor.
 //
 // The first two are known for the processors that binaries are packed for, x86-64 and arm64. On any
 // other processor the module needs the libraries that it was built with.

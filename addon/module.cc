@@ -13,9 +13,8 @@ namespace tarvek {
 
 namespace {
 
-// No C++ exception may cross into Node. Only a request for memory that cannot be met throws
-// (std::bad_alloc, std::length_error). By the time it arrives here, destructors have released
-// everything.
+// No C++ exception may cross into Node. Only a failed request for memory throws (std::bad_alloc,
+// std::length_error). By the time it arrives here, destructors have released everything.
 template <napi_callback kOperation>
 napi_value Guarded(napi_env env, napi_callback_info info) noexcept {
   try {

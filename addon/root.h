@@ -1,5 +1,6 @@
 // Root handles, and the reading of arguments that begin with one. A handle is a Node-API external
-// around a Root. Externals are not tagged: one from another native module would be taken for ours.
+// around a Root. Externals are not tagged: one from another native module would be accepted as a
+// Root.
 #pragma once
 
 #include <node_api.h>

@@ -12,9 +12,10 @@
 //
 // The bytes of a small file get a block of memory, which is kept until the operation is over: no
 // module can return them with less. All larger files are read into the same memory, which is never
-// new. A module needs memory for each result, and most of the distance of a large read from the
-// floor is page faults in it. The floor leaves them out, because their number depends on what
-// malloc has at hand: a floor with page faults is slower than a module that happens to have fewer.
+// new. A module needs memory for each result, and page faults in it are most of the difference
+// between a large read and the floor. The floor leaves them out, because their number depends on
+// what malloc has at hand: a floor with page faults is slower than a module that happens to have
+// fewer.
 
 #include <dirent.h>
 #include <fcntl.h>

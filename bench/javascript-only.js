@@ -64,7 +64,7 @@ function openDirectory(directory, name, create) {
   }
 }
 
-// Opens a directory by name, then checks that the name still is that directory's.
+// Opens a directory by name, then checks that the name still leads to it.
 const inside = (directory, name, create, act) =>
   using(openDirectory(directory, name, create), (opened) => {
     const stat = fs.fstatSync(opened, BIG);

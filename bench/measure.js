@@ -50,7 +50,7 @@ function timeOf(clock, act) {
   return clock() - start;
 }
 
-// How often a runner has to repeat its calls to take so many milliseconds, three times in a row.
+// How often a runner must repeat its calls to take this many milliseconds, three times in a row.
 function repetitions({ once, run }, clock, milliseconds) {
   if (once) return 1;
   const isEnough = (times) => timeOf(clock, () => run(times)) >= milliseconds * 1000;

@@ -38,7 +38,7 @@ function tree(files, size) {
   return { ...full, last: numbered(rest, 'file-', body) };
 }
 
-// The calls share one descriptor: it stays the file's when the name changes.
+// The calls share one descriptor: it stays open on the file when the name changes.
 function publications(leaf, other, place) {
   place.candidate ??= fs.openSync(place.at(...leaf), 'r');
   return [

@@ -40,7 +40,8 @@ class Descriptor {
   int fd_ = -1;
 };
 
-// Opens a directory by a single name, never through a symlink. Returns an empty one with errno set.
+// Opens a directory by a single name, never through a symlink. Returns an empty descriptor with
+// errno set.
 inline Descriptor OpenDirectoryAt(int dirFd, const char* name) {
   return Descriptor(::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }

@@ -34,9 +34,9 @@ const CALLS = [
   ...['ensureDirectory', 'ensureRelativeSymlink', 'remove', 'removeIfEquals', 'move'],
   'publishVerified',
 ];
-// Marks the worker. Where this file is loaded in a worker of yours, that is a main thread to it.
+// Marks the worker. If your own worker loads this file, this file treats it as a main thread.
 const ROLE = 'tarvek worker';
-// Handing over many Buffers at once takes time with the square of their number.
+// The time to transfer many Buffers at once grows with the square of their number.
 const SMALL = 16 * 1024;
 const CLOSED = { code: 'HANDLE_CLOSED', message: 'Directory handle is closed' };
 
@@ -54,7 +54,7 @@ function post(port, { value, ...message }) {
   const transferred = new Set();
   const toMemory = (bytes) => {
     const { buffer } = bytes;
-    // To transfer memory takes it away from everything that uses a part of it.
+    // A transfer takes the memory away from everything that uses a part of it.
     const isOwner = buffer instanceof ArrayBuffer && buffer.byteLength === bytes.byteLength;
     const memory = isOwner ? buffer : new Uint8Array(bytes).buffer;
     if (memory.byteLength >= SMALL) transferred.add(memory);
@@ -130,7 +130,7 @@ function startWorker() {
     ended ??= errorFrom({ code: 'WORKER_ENDED', message: 'the worker thread has ended' });
     ended.cause ??= cause;
     for (const id of [...pending.keys()]) settle(id).reject(ended);
-    // It still runs if one of its answers could not be received.
+    // The worker still runs if one of its answers could not be received.
     worker.terminate();
   }
 
@@ -147,7 +147,7 @@ async function openRoot(path) {
   async function call(name, ...args) {
     const { value, failure } = await send(name, args);
     const result = received(value);
-    // Made here and not where the answer arrives, so that its stack names the caller.
+    // Created here and not where the answer arrives, so that its stack names the caller.
     if (failure) throw errorFrom(failure, result);
     // A copied object has a prototype. Remove it.
     return name === 'snapshot' ? Object.setPrototypeOf(result, null) : result;

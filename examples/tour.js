@@ -56,7 +56,7 @@ const PACKAGE = path.join(__dirname, '..');
 const GENERATED = new Set(['build', 'node_modules', 'prebuilds']);
 const isLeftOut = (name) => GENERATED.has(name) || name.startsWith('.');
 
-// `npm run` starts scripts in the folder of the package, and says where it was started itself.
+// `npm run` starts scripts in the directory of the package, and tells where it was started itself.
 function givenDirectory(argument) {
   if (argument === undefined) return PACKAGE;
   const fromNpm = process.env.npm_lifecycle_event === 'tour' ? process.env.INIT_CWD : undefined;

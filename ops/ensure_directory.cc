@@ -1,5 +1,5 @@
-// ensureDirectory: creates a directory and its missing ancestors. Accepts an existing directory as
-// it is, and flushes nothing for it.
+// ensureDirectory: creates a directory and its missing parent directories. Accepts an existing
+// directory as it is, and flushes nothing for it.
 //
 // Left open on purpose: if another process creates the directory between the look and the mkdir,
 // the call fails. The caller can retry. A second look here would hide the race.

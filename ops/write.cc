@@ -149,7 +149,7 @@ napi_value ReplaceAtomically(napi_env env, const WriteCall& call, const Parent& 
   if (!WriteStage(env, call.stage, "before-file-rename")) return nullptr;
 
   if (!ChainHolds(*call.root, parent)) {
-    // Before the error is made: that can run a setter on Object.prototype, which must not find the
+    // Before Throw: making the error can run a setter on Object.prototype, which must not find the
     // temporary file.
     entry.Unlink();
     return Throw(env, kOutOfRoot);

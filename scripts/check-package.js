@@ -1,10 +1,11 @@
 'use strict';
 
-// Checks the package as its users get it: packs it, lints it and installs it from a lock file, without
-// scripts, into an empty folder. There it is compiled against, run in every runtime, compiled to
-// CommonJS, bundled, refused where it cannot be loaded, and rebuilt. Its steps are in check-package/.
+// Checks the package as its users get it: packs it, lints it, and installs it from a lock file, without
+// scripts, into an empty directory. There, the steps in check-package/ compile programs against it, run
+// them in every runtime, compile them to CommonJS, bundle them, try to load it where that must fail, and
+// build it again.
 //
-// The tools, 1.6 GB with a lock file of their own, stay in build/check-package.
+// The tools take 1.6 GB, have a lock file of their own, and stay in build/check-package.
 
 const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
@@ -22,7 +23,7 @@ const { compileTypes } = require('./check-package/types.js');
 const PINNED = path.join(__dirname, 'check-package', 'tools');
 const PROGRAMS = path.join(__dirname, 'check-package', 'programs');
 
-// All that belongs in the package; each line has to match something.
+// Everything that belongs in the package. Each line must match something.
 const CONTENTS = [
   /^(CMakeLists\.txt|CMakePresets\.json|package\.json|LICENSE)$/,
   /^(README|CHANGELOG|CONTRIBUTING|SECURITY)\.md$/,
@@ -48,13 +49,13 @@ function installTools() {
   for (const name of ['package.json', 'package-lock.json']) {
     fs.copyFileSync(path.join(PINNED, name), path.join(tools, name));
   }
-  // By force, since npm would refuse the arm64 runtime on this processor.
+  // With --force, because npm would refuse the arm64 runtime on this processor.
   npm(['ci', '--ignore-scripts', '--force', '--no-audit', '--no-fund'], { cwd: tools });
   fs.copyFileSync(wanted, installed);
 }
 
 function pack(folder) {
-  // In the background, since what the build prints would stand before the JSON.
+  // In the background, because the output of the build would come before the JSON.
   const args = ['pack', '--json', '--foreground-scripts=false', '--pack-destination', folder];
   const [{ filename, files }] = JSON.parse(npm(args));
   return { tarball: path.join(folder, filename), files: files.map((file) => file.path) };
@@ -75,7 +76,7 @@ function checkContents(files) {
   }
 }
 
-// The linters need a newer Node than the package does.
+// The linters need a newer Node than the package.
 function lint(tarball) {
   const node = nodeOf('node-24');
   const found = run(node, [tool('publint/src/cli.js'), 'run', '--strict', tarball]);
@@ -105,7 +106,7 @@ function install(folder, tarball) {
   fs.cpSync(PROGRAMS, folder, { recursive: true });
 }
 
-// Without a binary the package says how to build one; that command must do.
+// Without a binary, the package says how to build one. That command must work.
 function rebuild(folder) {
   fs.rmSync(path.join(folder, 'node_modules', 'tarvek', 'prebuilds'), { recursive: true });
   const options = { cwd: folder, encoding: 'utf8' };

@@ -1,14 +1,14 @@
 'use strict';
 
-// Fails when the module would not load wherever Node itself does, exports more than its two entries,
-// or lacks a protection that the linker gives: node scripts/check-symbols.js [MODULE]
+// Fails if the module would not load wherever Node itself loads, exports more than its two entries, or
+// lacks a protection of the linker: node scripts/check-symbols.js [MODULE]
 
 const { execFileSync } = require('node:child_process');
 const path = require('node:path');
 const { symbols } = require('node-api-headers');
 
-// The newest of each that all of the official Node 20 and 18.17 binaries for Linux on x64 and arm64
-// need themselves (`readelf --version-info`), so that no system which runs one can lack it.
+// The newest versions that all official binaries of Node 20 and 18.17 for Linux on x64 and arm64 need
+// themselves (`readelf --version-info`). So every system that runs such a binary has them.
 const FLOOR = { GLIBC: '2.28', GLIBCXX: '3.4.21', CXXABI: '1.3.9', GCC: '3.4' };
 const ENTRIES = ['napi_register_module_v1', 'node_api_module_get_api_version_v1'];
 const LIBRARIES = /^(libc|libstdc\+\+|libm|libgcc_s|ld-linux-(x86-64|aarch64))\.so\.\d+$/;

@@ -1,11 +1,11 @@
 'use strict';
 
-// Brings a fresh clone to where a command can run: names a missing tool, installs the packages of the
-// lock file, builds. Takes a few hundred milliseconds when there is nothing to do.
+// Prepares a fresh clone so that a command can run: names a missing tool, installs the packages of the
+// lock file, builds. Takes a few hundred milliseconds if there is nothing to do.
 //
 //   node scripts/setup.js NAME...
 //
-// A NAME is a preset of CMakePresets.json, which is built, or a tool, which must be on the PATH.
+// A NAME is a preset of CMakePresets.json, which is built, or a tool that must be on the PATH.
 
 const { spawnSync } = require('node:child_process');
 const { existsSync, statSync } = require('node:fs');
@@ -30,7 +30,7 @@ function requireTool(tool) {
   fail(`${tool} is needed and was not found; on Debian: apt-get install ${tool}`);
 }
 
-// Debian calls the package of a cross compiler after the processor, and that of its own g++ alone.
+// Debian names the package of a cross compiler after the processor. That of the native one is g++.
 function debianPackage(compiler) {
   const [, processor] = /^(\w+)-linux-gnu-g\+\+$/.exec(compiler) ?? [];
   const own = { x64: 'x86_64', arm64: 'aarch64' }[process.arch];
@@ -38,8 +38,8 @@ function debianPackage(compiler) {
   return `g++-${processor.replace('_', '-')}-linux-gnu`;
 }
 
-// The compiler that a preset names, else the one that CMake takes: CXX, which may come with arguments,
-// else the first that is there, even when another is newer.
+// The compiler that a preset names. Otherwise the one that CMake takes: CXX, which may contain
+// arguments, or else the first compiler found, even if another one is newer.
 function requireCompiler(named) {
   const chosen = named ?? process.env.CXX;
   const commands = chosen ? [chosen] : ['c++', 'g++', 'clang++'];
@@ -61,7 +61,7 @@ function requireBuildTools(presets) {
   if (!process.env.CMAKE_GENERATOR) requireTool('make');
 }
 
-// Shows warnings at once, and the progress report only when the command fails.
+// Shows warnings at once, and the progress report only if the command fails.
 function quietly(command, args) {
   const stdio = ['ignore', 'pipe', 'inherit'];
   const run = spawnSync(command, args, { cwd: root, stdio, encoding: 'utf8' });

@@ -1,7 +1,7 @@
 'use strict';
 
 // Runs test files on the sanitizer build: node scripts/test-asan.js FILE...
-// Fails when a test fails, when a sanitizer reports a fault, or when memory of the module leaked.
+// Fails if a test fails, if a sanitizer reports a fault, or if memory of the module leaked.
 
 const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -12,8 +12,9 @@ const reports = fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-asan-'));
 // For a test that goes on as another user.
 fs.chmodSync(reports, 0o777);
 
-// Every process writes a report of its own, for a test may hide what its children print. A fault
-// aborts its process; a leak must not, nor change how it exits: Node and others leak as they end.
+// Every process writes a report of its own, because a test may hide what its children print. A fault
+// aborts its process. A leak must not abort it or change its exit status: Node and others leak as they
+// end.
 const ASAN_OPTIONS = [
   `log_path=${path.join(reports, 'report')}`,
   "stack_trace_format='    #%n %m %F %S'",
@@ -21,8 +22,9 @@ const ASAN_OPTIONS = [
   'allocator_may_return_null=1',
   'detect_leaks=1',
   'exitcode=0',
-  // The runtime guesses where thread-local memory of a loaded library lies, and crashes over a wrong
-  // guess as it looks for leaks. What the module refers to from there, Node refers to as well.
+  // The runtime guesses where the thread-local memory of a loaded library is. If the guess is wrong, it
+  // crashes while it looks for leaks. Node also refers to everything that the module refers to from
+  // there.
   'intercept_tls_get_addr=0',
 ].join(':');
 const UBSAN_OPTIONS = 'abort_on_error=1:print_stacktrace=1';
@@ -31,7 +33,7 @@ function runTests(files) {
   const env = {
     ...process.env,
     TARVEK_MODULE: path.join(__dirname, '..', 'build', 'Asan', 'tarvek.node'),
-    // Node itself is not instrumented, so the runtime has to be there before it starts.
+    // Node itself is not instrumented, so the runtime must be loaded before it starts.
     LD_PRELOAD: execFileSync('g++', ['-print-file-name=libasan.so'], { encoding: 'utf8' }).trim(),
     ASAN_OPTIONS,
     UBSAN_OPTIONS,
@@ -39,8 +41,9 @@ function runTests(files) {
   return spawnSync(process.execPath, ['--test', ...files], { env, stdio: 'inherit' }).status;
 }
 
-// A leak belongs to the first caller outside the runtime libraries. The C library keeps no frame pointers,
-// so who made it allocate (a directory stream, say) is often not known: that counts as ours.
+// A leak belongs to the first caller outside the runtime libraries. The C library keeps no frame pointers.
+// So the caller that made it allocate, for example for a directory stream, is often unknown. Such a leak
+// counts as the module's.
 function isOurs(leak) {
   const isLibrary = (frame) => /^ +#\d+ \S+\/lib(asan|c|stdc\+\+)\.so\S* /.test(frame);
   const caller = leak

@@ -44,22 +44,22 @@ const swapOf = (name, swap, layout) => (ctx) => {
   swap(ctx.at(name), decoy, away);
 };
 
-// The bytes of a call, in memory that a hook can transfer and, except in old versions of Node,
-// resize. Memory that grew still holds the bytes.
+// The bytes of a call get memory of their own, which a hook can transfer ("gone") or, except in old
+// versions of Node, resize. Memory that grew still holds the bytes.
 const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, 30] : ['gone'];
-const loseTo = (length) => (ctx) =>
+const changeMemory = (length) => (ctx) =>
   length === 'gone'
     ? structuredClone(ctx.memory, { transfer: [ctx.memory] })
     : ctx.memory.resize(length);
-function prepareLosable(ctx, call) {
+function prepareWithMemory(ctx, call) {
   const [operation, args] = prepare(ctx, call);
-  const losable = args.map((value) => {
+  const withMemory = args.map((value) => {
     if (!Buffer.isBuffer(value)) return value;
     ctx.memory = new ArrayBuffer(value.length, { maxByteLength: 64 });
     new Uint8Array(ctx.memory).set(value);
     return new Uint8Array(ctx.memory);
   });
-  return [operation, losable];
+  return [operation, withMemory];
 }
 
 // The attacks of a hook or a stage at one point of a scenario, as [name, attack, outcome].
@@ -70,11 +70,11 @@ function attacksAt(notes, { call, before }) {
       return [`${name} swapped ${how}`, swapOf(name.slice(0, -1), swap, before), notes[name]];
     }),
   );
-  const losses = LENGTHS.map((length) => {
-    return [`bytes: ${length}`, loseTo(length), length > OLD.length ? '-' : notes.bytes];
+  const memoryAttacks = LENGTHS.map((length) => {
+    return [`bytes: ${length}`, changeMemory(length), length > OLD.length ? '-' : notes.bytes];
   });
   const close = ['handle closed', (ctx) => tarvek.close(ctx.handle), notes.close];
-  return [...swaps, close, ...(/ (OLD|NEW)/.test(call) ? losses : [])];
+  return [...swaps, close, ...(/ (OLD|NEW)/.test(call) ? memoryAttacks : [])];
 }
 const points = scenarios.flatMap((scenario) =>
   scenario.hooks.map(({ notes, ...point }) => ({ scenario, point, notes })),
@@ -89,7 +89,7 @@ const attacks = points.flatMap(({ scenario, point, notes }) =>
   ]),
 );
 each('an attack at any hook ends as listed', attacks, (ctx, row, point, act, expected = '-') => {
-  const call = prepareLosable(ctx, row.call);
+  const call = prepareWithMemory(ctx, row.call);
   const attack = when(point, () => act(ctx));
   const result = expectCall(expected, ctx, call, attack);
   if (expected === '-') row.check(result, ctx);

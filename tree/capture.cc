@@ -213,7 +213,7 @@ bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
 }
 
 // The strings that all records share. They serve as keys too: a key given as
-// C text would be made into a string again for each property.
+// C text would be converted to a string again for each property.
 struct RecordTexts {
   explicit RecordTexts(napi_env env)
       : path(String(env, "path")),

@@ -1,7 +1,7 @@
 'use strict';
 
-// Runs the package's arm64 binary where there is no such machine: in an official Node for arm64, under
-// an emulator of the processor. The kernel is the one of this machine.
+// Runs the package's arm64 binary on a machine with another processor: in an official Node for arm64,
+// under an emulator of the processor. The kernel is that of this machine.
 
 const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
@@ -9,8 +9,8 @@ const path = require('node:path');
 
 const CROSS = '/usr/aarch64-linux-gnu/lib';
 const LOADER = path.join(CROSS, 'ld-linux-aarch64.so.1');
-// Through the loader of the cross libraries. The emulator can find them by a prefix as well, but it
-// would then look for "/" beneath that prefix too, where the module starts every walk.
+// Through the loader of the cross libraries. The emulator can also find them by a prefix. But it would
+// then look for "/" beneath that prefix too, and "/" is where the walk of openRoot starts.
 const EMULATOR = ['qemu-aarch64-static', LOADER, '--library-path', CROSS];
 const MISSING = `${EMULATOR[0]} was not found; on Debian: apt-get install qemu-user-static`;
 
@@ -23,7 +23,7 @@ const PROGRAMS = [
   path.join(__dirname, '../../test/hostile.test.js'),
 ];
 
-// Runs the programs in the folder into which the package was installed.
+// Runs the programs in the directory where the package was installed.
 module.exports = function runOnArm64(node, folder) {
   const binary = path.join(folder, 'node_modules/tarvek/prebuilds/linux-arm64/tarvek.node');
   const env = { ...process.env, HOME: folder, TMPDIR: folder, TARVEK_MODULE: binary };

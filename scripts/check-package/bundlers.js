@@ -1,7 +1,7 @@
 'use strict';
 
-// Bundles a program, or traces its files, runs the result where no tarvek is installed, and sees what
-// a bundle without the binary says.
+// Bundles a program, or traces its files, and runs the result where tarvek is not installed. Also checks
+// the error of a bundle without the binary.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
@@ -13,8 +13,8 @@ const SOURCE = 'namespace.ts';
 const esbuild = (options) =>
   require(tool('esbuild')).build({ bundle: true, platform: 'node', ...options });
 
-// What a Rollup user writes or installs for native modules: the binary is copied beside the bundle, and
-// loaded when the program asks for it, since the one for another processor would not load.
+// What a Rollup user writes or installs for native modules: it copies the binary beside the bundle, and
+// loads it when the program asks for it, because the one for another processor would not load.
 const copyBinaries = {
   name: 'copy-binaries',
   load(id) {
@@ -36,7 +36,7 @@ async function rollup(folder, file, format) {
   await bundle.write({ file, format });
 }
 
-// Each makes the program in the folder `out`, and returns its name.
+// Each creates the program in the directory `out` and returns its name.
 const BUNDLERS = {
   esbuild: async (folder, out) => {
     const options = { outfile: path.join(out, 'app.cjs'), loader: { '.node': 'copy' } };
@@ -65,7 +65,7 @@ const BUNDLERS = {
   },
 };
 
-// Without the binary there is nothing to compile in the folder of the bundle.
+// Without the binary, the directory of the bundle contains nothing to compile.
 async function refuseWithoutBinary(folder, out) {
   const outfile = path.join(out, 'app.cjs');
   const entryPoints = [path.join(folder, SOURCE)];
@@ -87,7 +87,7 @@ async function refuseWithoutBinary(folder, out) {
 }
 
 async function runBundled(folder) {
-  // Beside the folder, so that nothing is found in its node_modules.
+  // Beside the directory, so that nothing is found in its node_modules.
   const out = `${folder}-bundle`;
   const clean = () => fs.rmSync(out, { recursive: true, force: true });
   try {

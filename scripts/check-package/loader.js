@@ -1,6 +1,6 @@
 'use strict';
 
-// What the package answers where it cannot be loaded: one message with what was found and what to do.
+// What the package reports if it cannot be loaded: one message with what was found and what to do.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
@@ -11,7 +11,7 @@ const PROGRAM = 'commonjs.cjs';
 const node = (name, ...options) => [nodeOf(name), ...options, PROGRAM];
 const denoWith = (...options) => [deno, 'run', '--no-lock', '--no-prompt', ...options, PROGRAM];
 
-// Node.js that takes itself to be elsewhere.
+// A command that runs Node.js with a changed property of `process`.
 function pretend(property, value) {
   const define = `Object.defineProperty(process, '${property}', { value: '${value}' })`;
   return [process.execPath, '-e', `${define}; require('./${PROGRAM}')`];
@@ -20,7 +20,7 @@ function pretend(property, value) {
 const BUILD = /^ {2}to do: .* build it:\n +cmake -S \S+ -B \S+ && cmake --build \S+$/m;
 const ADDONS = /^ {2}to do: .* --allow-addons .* --no-addons$/m;
 
-// What happens, the command, what is found and what to do.
+// What happens, the command, what was found, and what to do.
 const REFUSED = [
   ['another platform', pretend('platform', 'darwin'), /darwin x64/, /to do: .* on Linux/],
   ['another processor', pretend('arch', 'riscv64'), /this processor\n.* riscv64/, BUILD],
@@ -42,7 +42,7 @@ const LOADED = [
   denoWith('--allow-ffi', '--allow-read', '--allow-write', '--allow-env'),
 ];
 
-// A build of one's own comes first, and one that does not load is not passed over.
+// A local build comes first. If it does not load, that is an error: the packed binary is not tried.
 function checkLocalBuild(folder) {
   const release = path.join(folder, 'node_modules/tarvek/build/Release');
   fs.mkdirSync(release, { recursive: true });

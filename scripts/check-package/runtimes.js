@@ -1,6 +1,6 @@
 'use strict';
 
-// Runs every program, the examples and what the README shows, in every runtime that the package is for.
+// Runs every program, the examples and what the README shows, in every supported runtime.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
@@ -42,7 +42,7 @@ async function runEverywhere(folder) {
     const { version } = require(tool(`@runtime/${name}/package.json`));
     await step(`${name}, ${version.replace('v', '')}`, () => {
       const [program, ...args] = command;
-      // A runtime may keep a cache beneath its home, and a program that fails what it made.
+      // A runtime may leave a cache in its home, and a failing program what it created.
       const env = { ...process.env, HOME: folder, TMPDIR: folder };
       const runFile = (...file) => run(program, [...args, ...file], { cwd: folder, env });
       for (const words of PROGRAMS) runFile(...words);

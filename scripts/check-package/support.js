@@ -9,7 +9,7 @@ const root = path.join(__dirname, '..', '..');
 const tools = path.join(root, 'build', 'check-package');
 const tool = (name) => path.join(tools, 'node_modules', name);
 
-// The oldest versions of 18 and 20 that the package is for, and the newest of the others.
+// The oldest supported versions of 18 and 20, and the newest of the others.
 const NODES = ['node-18', 'node-20', 'node-22', 'node-24', 'node-26'];
 const nodeOf = (name) => tool(`@runtime/${name}/bin/node`);
 const bun = tool('@runtime/bun/bin/bun');
@@ -23,7 +23,7 @@ function run(command, args, options) {
   throw new Error(`failed: ${line}\n${ending}\n${ran.stdout ?? ''}${ran.stderr ?? ''}`);
 }
 
-// What a program that has to fail prints, which ends by itself and by no signal.
+// The output of a program that must fail. It must exit by itself and not by a signal.
 function runRefused(command, args, options) {
   const { status, signal, stdout, stderr } = spawnSync(command, args, {
     encoding: 'utf8',

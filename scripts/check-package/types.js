@@ -1,7 +1,7 @@
 'use strict';
 
-// Compiles against the types, with the oldest and the newest TypeScript, with the types of Node.js of
-// the same age and with none.
+// Compiles programs against the types: with the oldest and the newest TypeScript, each with the types
+// of Node.js of the same age and without them.
 
 const fs = require('node:fs');
 const path = require('node:path');

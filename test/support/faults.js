@@ -24,8 +24,8 @@ function restartPreloaded() {
   const cache = fs.readFileSync(CACHE, 'utf8');
   const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(cache);
   // LD_PRELOAD splits its value at spaces and colons.
-  const folder = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
-  const preloaded = path.join(folder, 'faults.so');
+  const directory = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
+  const preloaded = path.join(directory, 'faults.so');
   const source = path.join(__dirname, '../interpose/faults.c');
   execFileSync(compiler, [...OPTIONS, source, '-ldl', '-o', preloaded]);
   const env = {
@@ -37,7 +37,7 @@ function restartPreloaded() {
   };
   const args = [...process.execArgv, ...process.argv.slice(1)];
   const run = spawnSync(process.execPath, args, { stdio: 'inherit', env });
-  fs.rmSync(folder, { recursive: true });
+  fs.rmSync(directory, { recursive: true });
   if (run.signal) console.error(`tarvek: the process under test ended by ${run.signal}`);
   process.exit(run.status ?? 1);
 }
