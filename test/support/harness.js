@@ -122,7 +122,7 @@ function prepare(ctx, words) {
 }
 
 // One directory for the whole process holds the root and what is outside it. It is in memory unless
-// TMPDIR is set: on a disk, the tests spend two thirds of their time waiting for it.
+// TMPDIR is set, because a disk makes the tests slower.
 const isWritable = (at) => 'result' in thrownBy(() => fs.accessSync(at, fs.constants.W_OK));
 const parent = isWritable('/dev/shm') && !process.env.TMPDIR ? '/dev/shm' : os.tmpdir();
 const base = fs.mkdtempSync(path.join(fs.realpathSync(parent), 'tarvek-'));
