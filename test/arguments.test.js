@@ -247,7 +247,7 @@ test('a hook is not called in another thread', async (t) => {
   assert.equal(status, 0);
 });
 
-test('descriptor 0 works like any other, and temporary files count from 1', () => {
+test('descriptor 0 works like any other', () => {
   const script = `
     const assert = require('node:assert');
     const fs = require('node:fs');
@@ -258,17 +258,12 @@ test('descriptor 0 works like any other, and temporary files count from 1', () =
     const inner = tarvek.openRelative(handle, ['d']);
     assert.equal(fs.fstatSync(0).isDirectory(), true);
     assert.equal(tarvek.exists(inner, ['f']), true);
-    let names;
-    tarvek.write(inner, ['f'], Buffer.from('${OLD}'), () => {
-      names ??= fs.readdirSync(root + '/d').join();
-    });
-    assert.match(names, /^\\.tarvek-\\d+-1-\\w+,f$/);
     tarvek.close(inner);
     assert.equal(tarvek.exists(handle, ['d']), true);
     assert.equal(fs.openSync(root + '/d/f'), 0);
     tarvek.publishVerified(handle, 0, ['d', 'f'], ['p'], Buffer.from('${OLD}'));`;
   sandbox({ d: { f: OLD } }, ({ root }) => {
     execFileSync(process.execPath, ['-e', script, MODULE, root]);
-    assertTree({ d: {}, p: fresh(OLD) });
+    assertTree({ d: {}, p: OLD });
   });
 });

@@ -96,8 +96,12 @@ test('a long run of calls leaks neither memory nor descriptors', async (t) => {
   await work(ctx.handle, round, warmth);
   // Counted only: the path of an open file reads differently after the file was renamed.
   const before = descriptors().length;
-  const warm = await work(ctx.handle, round, warmth);
-  const grown = (await work(ctx.handle, round, CALLS)) - warm;
+  let [grown, size] = [Infinity, await work(ctx.handle, round, warmth)];
+  // The engine's heap may grow in one round, a leak in every round.
+  for (let tries = 0; grown > SLACK && tries < 3; ++tries) {
+    const next = await work(ctx.handle, round, CALLS);
+    [grown, size] = [next - size, next];
+  }
   t.diagnostic(`${CALLS} calls, ${CALLS / CALLS_PER_HANDLE} handles dropped, ${grown} bytes more`);
   assert.equal(descriptors().length, before, 'open descriptors');
   assert.ok(sanitized || grown < SLACK, `${grown} bytes more`);
@@ -206,22 +210,18 @@ const scarce = SCARCE.map(([words, ...numbers]) => {
 // A sanitizer takes so much address space for small blocks that the engine fails first.
 const possible = scarce.filter(([, , , size]) => size > 1e6 || !sanitized);
 
-each(
-  'too little memory for bytes fails without a crash',
-  possible,
-  (ctx, words, size, room, fit) => {
-    for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
-    const [operation, [, path]] = prepare(ctx, words);
-    const plan = { module: MODULE, root: ctx.root, operation, path, room: size * room };
-    const script = ['-e', GREEDY_PROCESS, JSON.stringify(plan)];
-    // The C library gives a thread 64 MiB of address space at its first allocation, at any moment.
-    const env = { ...process.env, MALLOC_ARENA_MAX: '1' };
-    const { stdout, stderr } = spawnSync(process.execPath, script, { encoding: 'utf8', env });
-    const [, count, end] = /^1 results; (\d+) results, then (.*)$/.exec(stdout) ?? [];
-    assert.equal(end, 'FILESYSTEM_FAILURE, Repository-local storage operation failed', stderr);
-    assert.ok(count >= fit, stdout);
-  },
-);
+each('too little memory fails without a crash', possible, (ctx, words, size, room, fit) => {
+  for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
+  const [operation, [, path]] = prepare(ctx, words);
+  const plan = { module: MODULE, root: ctx.root, operation, path, room: size * room };
+  const script = ['-e', GREEDY_PROCESS, JSON.stringify(plan)];
+  // The C library gives a thread 64 MiB of address space at its first allocation, at any moment.
+  const env = { ...process.env, MALLOC_ARENA_MAX: '1' };
+  const { stdout, stderr } = spawnSync(process.execPath, script, { encoding: 'utf8', env });
+  const [, count, end] = /^1 results; (\d+) results, then (.*)$/.exec(stdout) ?? [];
+  assert.equal(end, 'FILESYSTEM_FAILURE, Repository-local storage operation failed', stderr);
+  assert.ok(count >= fit, stdout);
+});
 
 const bytesRead = () => Number(/rchar: (\d+)/.exec(fs.readFileSync('/proc/self/io', 'utf8'))[1]);
 
