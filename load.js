@@ -55,7 +55,7 @@ function loadFailure(cause) {
   // Deno's error has a name of its own and no code.
   if (cause.code === 'ERR_DLOPEN_DISABLED' || cause.name === 'NotCapable') {
     const remedy = process.versions.deno
-      ? 'start Deno with --allow-ffi and --allow-read'
+      ? 'start Deno with --allow-ffi'
       : 'start Node.js with --allow-addons or without --permission, and without --no-addons';
     return failure(`this process may not load native modules: ${reason}`, remedy, cause);
   }

@@ -1,6 +1,5 @@
-// read: returns the content of a regular file, up to its size when it was opened. The file must
-// have the same identity in a stat by name and after the open. A file truncated meanwhile
-// yields a shorter Buffer.
+// read: returns the content of a regular file, up to its size when it was opened. The open file
+// must be the one that the name led to before. A file truncated meanwhile yields a shorter Buffer.
 //
 // Left open on purpose: the bytes can change while they are read. capture detects that.
 

@@ -65,8 +65,9 @@ struct CaptureLevel {
 bool LookAgain(napi_env env, int fd, int containingFd, const char* name, struct stat* after,
                struct stat* again) {
   if (::fstat(fd, after) != 0) return RefuseErrno(env, errno);
-  if (::fstatat(containingFd, name, again, AT_SYMLINK_NOFOLLOW) != 0)
+  if (::fstatat(containingFd, name, again, AT_SYMLINK_NOFOLLOW) != 0) {
     return RefuseErrno(env, errno);
+  }
   return true;
 }
 
@@ -212,8 +213,8 @@ bool GetPaths(napi_env env, napi_value value, std::vector<Segments>* paths) {
   return true;
 }
 
-// The strings that all records share. They serve as keys too: a key given as
-// C text would be converted to a string again for each property.
+// The strings that all records share. They serve as keys too: a key given as C text would be
+// converted to a string again for each property.
 struct RecordTexts {
   explicit RecordTexts(napi_env env)
       : path(String(env, "path")),
