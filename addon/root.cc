@@ -80,7 +80,7 @@ napi_value RootExternal(napi_env env, std::unique_ptr<Root> root) {
   if (!Hook(env, "external-create", "", 0)) return nullptr;
   napi_value handle = nullptr;
   if (napi_create_external(env, root.get(), RootFinalizer, nullptr, &handle) != napi_ok) {
-    // No case is known: without memory, Node ends the process instead of reporting an error.
+    // Happens in a worker that is being ended. Without memory, Node ends the process instead.
     bool pending = false;
     napi_is_exception_pending(env, &pending);
     return pending ? nullptr : Throw(env, kStorageFailed);

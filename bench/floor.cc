@@ -50,7 +50,7 @@ constexpr int kSafe = O_NOFOLLOW | O_CLOEXEC;
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY | kSafe;
 constexpr int kFile = O_RDONLY | O_NONBLOCK | kSafe;
 constexpr int kExclusive = O_WRONLY | O_CREAT | O_EXCL | kSafe;
-constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | kSafe;
+constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | kSafe;
 constexpr size_t kChunk = 64 * 1024;
 
 constexpr size_t kSmall = 16 * 1024;
@@ -198,7 +198,6 @@ void Leave(State& at) { ::close(at.parent); }
 void LeaveOther(State& at) { ::close(at.other); }
 
 void OpenFile(State& at) { at.file = OpenAt(at.parent, at.Leaf(), kFile); }
-void OpenBlocking(State& at) { at.file = OpenAt(at.parent, at.Leaf(), O_RDONLY | kSafe); }
 void OpenToAppend(State& at) { at.file = OpenAt(at.parent, at.Leaf(), kAppend); }
 void OpenDirectory(State& at) { at.file = OpenAt(at.parent, at.Leaf(), kDirectory); }
 void CreateFile(State& at) { at.file = OpenAt(at.parent, at.Leaf(), kExclusive); }
@@ -270,7 +269,7 @@ const std::map<std::string, std::vector<Step>> kOperations{
     {"ensureRelativeSymlink, existing", {EnterOther, ProveOther, LookOther, LeaveOther, Enter,
                                          Prove, Look, ReadLink, Leave}},
     {"remove", {Enter, Prove, Remove, FlushParent, Leave}},
-    {"removeIfEquals", {Enter, Prove, Look, OpenBlocking, Fstat, Compare, Fstat, Look, Prove,
+    {"removeIfEquals", {Enter, Prove, Look, OpenFile, Fstat, Compare, Fstat, Look, Prove,
                         Unlink, FlushParent, CloseFile, Leave}},
     {"move", {Enter, EnterOther, Prove, ProveOther, Look, LookOther, Rename, FlushParent,
               FlushOther, LeaveOther, Leave}},

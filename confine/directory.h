@@ -43,7 +43,7 @@ using DirectoryStream = std::unique_ptr<DIR, StreamCloser>;
 
 // Opens a stream on a duplicate of `dirFd`, so that closing the stream leaves the caller's
 // descriptor open. Returns null with errno set. Required: if fdopendir fails, the duplicate stays
-// open for good. It fails only in a process without memory.
+// open for good. It fails if memory is missing, or if its own fstat of the duplicate fails.
 DirectoryStream OpenStream(int dirFd);
 
 // The next name except "." and "..", valid until the stream is read again or closed. Null with

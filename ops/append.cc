@@ -28,6 +28,7 @@ namespace tarvek {
 
 namespace {
 
+constexpr int kAppending = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kOpenAttempts = 8;
 
 struct AppendCall {
@@ -49,13 +50,13 @@ bool GetAppendCall(napi_env env, const CallArguments<5>& call, AppendCall* out) 
 }
 
 // The open can fail with ENOENT while another process removes or replaces the file, so it is
-// retried a few times. Required: no O_NONBLOCK. A FIFO that takes the file's place makes the call
-// wait for a reader. Returns an empty descriptor with errno set.
+// retried a few times. Without O_NONBLOCK, a FIFO that takes the file's place would make the call
+// wait for a reader, and a lease of another process would make it wait for the end of the lease. A
+// thread that waits there cannot be ended. Returns an empty descriptor with errno set.
 Descriptor OpenForAppend(int dirFd, const std::string& leaf) {
   Descriptor file;
   for (int attempt = 0; attempt < kOpenAttempts && !file.IsOpen(); ++attempt) {
-    file = Descriptor(::openat(
-        dirFd, leaf.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, kNewFileMode));
+    file = Descriptor(::openat(dirFd, leaf.c_str(), kAppending, kNewFileMode));
     if (!file.IsOpen() && errno != ENOENT && errno != EINTR) break;
   }
   return file;

@@ -71,8 +71,9 @@ napi_value RemoveIfEquals(napi_env env, napi_callback_info info) {
   if (!IsSoleFile(named)) return Throw(env, kOutOfRoot);
 
   if (!Hook(env, "remove-if-equals-open", leaf, index)) return nullptr;
-  // Required: no O_NONBLOCK. A FIFO that takes the file's place makes the call wait for a writer.
-  const Descriptor file(::openat(dirFd, leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  // Without O_NONBLOCK, a FIFO that takes the file's place would block here, and so would a lease.
+  const Descriptor file(
+      ::openat(dirFd, leaf.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
   if (!file.IsOpen()) return FailErrno(env, errno);
   if (!StillHolds(env, arguments.values[2], call.expected)) return Throw(env, kStorageFailed);
   struct stat compared;

@@ -1,11 +1,12 @@
 // capture: reads whole subtrees into memory, one record for each directory and regular file, and
 // fails if one of them changes while it is read.
 //
-// The metadata of a file is compared four times: by name before the open, by descriptor after it,
-// by descriptor after the reading, and by name again. A directory is compared in the same way
-// before and after everything beneath it, so a created, removed or renamed entry is detected. The
-// directories above are validated before and after. Symlinks, files with further hard links,
-// special files and a file that was already captured are refused.
+// The metadata of a file is looked at four times: by name before the open, by descriptor after it,
+// by descriptor after the reading, and by name again. Each look is compared with the one before. A
+// directory is looked at in the same way before and after everything beneath it, so a created,
+// removed or renamed entry is detected. The directories above are validated before and after.
+// Symlinks, files with further hard links, special files and a file that was already captured are
+// refused.
 //
 // Left open on purpose: a change that is undone between two looks, times included, is not detected.
 // A file can also change after its last look, while the rest is read.
