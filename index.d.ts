@@ -16,10 +16,11 @@
  * ```
  *
  * Every function blocks the calling thread until it is done. It returns, or it throws one
- * {@link TarvekError} with one of the codes listed for it. Four other exceptions reach the caller
- * unchanged: those of a test hook, of a stage callback, of a getter on an element of a path, and
- * those of a replaced `Object.create` or of a setter on `Object.prototype`, `Array.prototype` or
- * `Error.prototype`.
+ * {@link TarvekError} with one of the codes listed for it. Exceptions of your own code reach the
+ * caller unchanged: those of a test hook, of a stage callback, of a getter or `Proxy` behind an
+ * element of a path, of a replaced `Object.create`, and of a setter on `Object.prototype`,
+ * `Array.prototype` or `Error.prototype`. A call has no time limit: docs/limits.md lists what can
+ * make it wait.
  *
  * "Flushed" means that `fsync` succeeded before the function returned. Pass exactly the arguments
  * that are declared: an extra argument is an error, except in `setTestHook`,
@@ -29,9 +30,9 @@
  * example, a {@link read} fails now and then while another process replaces the file with
  * {@link write}. Such a call can be repeated.
  *
- * Bytes are passed as a `Uint8Array`, such as a Buffer, and are returned as a Buffer. The bytes of
- * other typed arrays are accepted too. An array that is detached before the call, or by a getter
- * on a path, counts as empty.
+ * Bytes are passed as a Buffer, another typed array or a DataView, and are returned as a Buffer.
+ * The bytes are used as they are in memory. An array that is detached before the call, or by a
+ * getter on a path, counts as empty.
  */
 
 declare const brand: unique symbol;
@@ -62,17 +63,19 @@ export type Segments = readonly string[];
 /**
  * Why a call failed.
  *
- * - `PATH_OUT_OF_ROOT`: the call was refused because it could reach outside the root: a wrong path,
- *   a symlink, a file with a second hard link, a wrong file type, or an entry that was replaced
- *   during the call. Retry it a few times; after a race, a retry usually succeeds.
- * - `NOT_FOUND`: the entry or a parent directory is missing.
+ * - `PATH_OUT_OF_ROOT`: the call was refused: a wrong argument or number of arguments, a symlink, a
+ *   file with a second hard link, a wrong file type, such as a directory in a file's place, or an
+ *   entry that was replaced during the call. Retry it a few times; after a race, a retry usually
+ *   succeeds.
+ * - `NOT_FOUND`: the entry or a parent directory is missing. From {@link write}, {@link create},
+ *   {@link append} and {@link ensureDirectory}, another process removed a directory: retry.
  * - `HANDLE_CLOSED`: the handle is closed, or the value is not a handle. Some functions report this
  *   with another code.
  * - `OPTIMISTIC_CONFLICT`: the condition of the call does not hold. Read the present state and
  *   decide again.
  * - `CANDIDATE_CHANGED`: the file to publish is not the file that was verified.
- * - `FILESYSTEM_FAILURE`: the system refused or failed, or an argument has the wrong type. If a
- *   flush failed, the change itself is visible.
+ * - `FILESYSTEM_FAILURE`: the system refused or failed, another process holds a lease on the file,
+ *   or an argument has the wrong type. If a flush failed, the change itself is visible.
  */
 export type ErrorCode =
   | 'PATH_OUT_OF_ROOT'
@@ -212,8 +215,8 @@ export type TestHook = (this: typeof globalThis, event: HookEvent) => unknown;
 /**
  * Opens a directory as a root. The handle stands for this directory even after it is renamed.
  *
- * @param path Absolute. It is not `/`, contains no `//`, `.`, `..` or `\`, does not end with `/`,
- *   and contains no symlink. Pass `fs.realpathSync(path)` if it may contain one.
+ * @param path Absolute. It is not `/`, does not end with `/`, and contains no `//`, `\` or NUL. No
+ *   name in it is `.` or `..`, and none is a symlink. Pass `fs.realpathSync(path)` if one may be.
  * @returns A new handle. {@link close} it.
  * @throws `PATH_OUT_OF_ROOT` The path does not have this form, contains a symlink or something that
  *   is not a directory, or a directory was replaced during the call.
@@ -333,9 +336,10 @@ export function snapshot(handle: RootHandle, segments: Segments): SnapshotFiles;
 export function read(handle: RootHandle, segments: Segments): Buffer;
 
 /**
- * Replaces a file atomically, or creates it: the file has the old content or the new, never a
- * mixture. Creates missing parent directories with mode 0700. The file gets mode 0600 and belongs
- * to this process, whatever the old file had. Both modes are before the umask.
+ * Replaces a file atomically, or creates it: the file has the old content or the new, as long as no
+ * other process edits the temporary file. Creates missing parent directories with mode 0700. The
+ * file gets mode 0600 and belongs to this process, whatever the old file had. Both modes are before
+ * the umask.
  *
  * Flushed: the content, the name, and every new directory.
  *
@@ -348,13 +352,14 @@ export function read(handle: RootHandle, segments: Segments): Buffer;
  * @throws `NOT_FOUND` The directory or the temporary file was removed during the call. The file
  *   keeps its old content.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush; or `body` is
- *   not a Uint8Array or lost its memory during the call, or `stage` is not a function. The file
- *   keeps its old content, unless the last step failed, the flush of the directory.
+ *   neither a typed array nor a DataView or lost its memory during the call, or `stage` is not a
+ *   function. The file keeps its old content, unless the last step failed, the flush of the
+ *   directory.
  */
 export function write(
   handle: RootHandle,
   segments: Segments,
-  body: Uint8Array,
+  body: ArrayBufferView,
   ...stage: [] | [stage: StageCallback]
 ): void;
 
@@ -373,13 +378,13 @@ export function write(
  *   the call.
  * @throws `NOT_FOUND` The directory was removed during the call.
  * @throws `FILESYSTEM_FAILURE` The system refused: permission, space, a failed flush; or `body` is
- *   not a Uint8Array or lost its memory during the call, or `stage` is not a function. The file may
- *   exist with a part of `body`.
+ *   neither a typed array nor a DataView or lost its memory during the call, or `stage` is not a
+ *   function. The file may exist with a part of `body`.
  */
 export function create(
   handle: RootHandle,
   segments: Segments,
-  body: Uint8Array,
+  body: ArrayBufferView,
   ...stage: [] | [stage: StageCallback]
 ): void;
 
@@ -402,15 +407,15 @@ export function create(
  *   for example by {@link write}: retry. Nothing was appended.
  * @throws `NOT_FOUND` The file or its directory vanished during the call. Nothing was appended.
  * @throws `FILESYSTEM_FAILURE` A wrong argument or a closed handle; or `body` lost its memory
- *   during the call; or the system refused: permission, space, a failed flush. The file may end
- *   with a part of `body`, or with all of it. Look before you retry.
+ *   during the call; or the system refused: permission, space, a failed flush, a lease of another
+ *   process. The file may end with a part of `body`, or with all of it. Look before you retry.
  */
 export function append(
   handle: RootHandle,
   segments: Segments,
   expectedSize: number,
   minimumSize: number,
-  body: Uint8Array,
+  body: ArrayBufferView,
 ): void;
 
 /**
@@ -481,7 +486,11 @@ export function remove(handle: RootHandle, segments: Segments): void;
  * @throws `FILESYSTEM_FAILURE` A wrong argument or a closed handle; or `expected` lost its memory
  *   during the call; or the system refused: permission, a failed flush.
  */
-export function removeIfEquals(handle: RootHandle, segments: Segments, expected: Uint8Array): void;
+export function removeIfEquals(
+  handle: RootHandle,
+  segments: Segments,
+  expected: ArrayBufferView,
+): void;
 
 /**
  * Renames a file or a directory within a root. Creates missing parent directories of the new place
@@ -533,7 +542,7 @@ export function publishVerified(
   candidateFd: number,
   candidate: Segments,
   destination: Segments,
-  expected: Uint8Array,
+  expected: ArrayBufferView,
 ): void;
 
 /**
