@@ -68,7 +68,8 @@ export type Segments = readonly string[];
  *   entry that was replaced during the call. Retry it a few times; after a race, a retry usually
  *   succeeds.
  * - `NOT_FOUND`: the entry or a parent directory is missing. From {@link write}, {@link create},
- *   {@link append} and {@link ensureDirectory}, another process removed a directory: retry.
+ *   {@link append} and {@link ensureDirectory}, another process removed a directory: retry, unless
+ *   the root itself was removed.
  * - `HANDLE_CLOSED`: the handle is closed, or the value is not a handle. Some functions report this
  *   with another code.
  * - `OPTIMISTIC_CONFLICT`: the condition of the call does not hold. Read the present state and
