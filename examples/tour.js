@@ -3,7 +3,7 @@
 // A tour of what tarvek does, on real files: node examples/tour.js [DIR]
 //
 // 1. Captures DIR (by default the files of this package) and compares every record with node:fs.
-//    What capture refuses, check.js explains. DIR is only read.
+//    What capture refuses, tarvek/check explains. DIR is only read.
 // 2. Changes and publishes files in a scratch directory, which it removes at the end.
 // 3. Plays the classic attack on a path, against plain node:fs and against tarvek.
 //
@@ -14,7 +14,7 @@ const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const tarvek = require('..');
-const { check: obstaclesIn, line, walk } = require('./check.js');
+const { check: obstaclesIn, format } = require('tarvek/check');
 
 const colours = Boolean(process.stdout.isTTY && process.stdout.hasColors());
 const paint = (code) => (text) => (colours ? `\x1b[${code}m${text}\x1b[0m` : text);
@@ -72,17 +72,25 @@ function openGiven(given) {
     const why = error.code === 'ENOENT' ? 'there is no such directory' : error.code;
     console.error(red(`The tour cannot start at ${given}: ${why}`));
     if (error.code !== 'ENOENT') {
-      console.error(`To see more: node "${path.join(__dirname, 'check.js')}" "${given}"`);
+      console.error(`To see more: npx tarvek check "${given}"`);
     }
     return undefined;
   }
 }
 
+// As node:fs sees it, in the order of capture: a directory before its entries, names by their bytes.
+function* entriesAt(at) {
+  const stat = fs.lstatSync(at);
+  yield { at, stat };
+  if (!stat.isDirectory()) return;
+  const names = fs.readdirSync(at, { encoding: 'buffer' }).sort(Buffer.compare);
+  for (const name of names) yield* entriesAt(Buffer.concat([at, Buffer.from('/'), name]));
+}
+
 function compareWithNodeFs(directory, name, records) {
   let bytes = 0;
   let index = 0;
-  for (const { at, stat, error } of walk(Buffer.from(path.join(directory, name)))) {
-    assert.ifError(error);
+  for (const { at, stat } of entriesAt(Buffer.from(path.join(directory, name)))) {
     const record = records[index++];
     const relative = at.toString().slice(directory.length + 1);
     assert.equal(record?.path, relative, 'the same entries in the same order');
@@ -119,10 +127,10 @@ function explain(directory, refusals) {
   return refusals.flatMap(({ name, error: { code, message } }) => {
     const inEntry = obstacles.filter(({ path: at }) => `${at}/`.startsWith(`${name}/`));
     const isRace = code === 'NOT_FOUND' || /changed|identity/.test(message);
-    assert.ok(inEntry.length > 0 || isRace, `${name}: ${message}; check.js does not explain it`);
+    assert.ok(inEntry.length > 0 || isRace, `${name}: ${message}; check does not explain it`);
     return inEntry.length > 0
-      ? inEntry.map(line)
-      : [line({ path: Buffer.from(name), why: 'changed meanwhile', code })];
+      ? inEntry.map(format)
+      : [format({ path: name, why: 'changed meanwhile', code })];
   });
 }
 
@@ -130,7 +138,7 @@ function captureDirectory(opened, isDefault) {
   const totals = { files: 0, directories: 0, bytes: 0, milliseconds: 0, refused: [] };
   let reasons = [];
   if (isDefault) say(dim('Left out: names that begin with a dot, and what is built or installed.'));
-  check('capture and node:fs agree on every record, and check.js on every refusal', () => {
+  check('capture and node:fs agree on every record, and tarvek/check on every refusal', () => {
     for (const name of fs.readdirSync(opened.directory).sort()) {
       if (!isDefault || !isLeftOut(name)) captureEntry(opened, name, totals);
     }
@@ -371,7 +379,7 @@ async function tour(argument) {
       : red(`${failed} of ${passed + failed} steps went wrong.`);
   console.log(`\n${verdict} The tour took ${milliseconds(start)}.`);
   console.log(
-    '\nNext: examples/check.js says what tarvek refuses in a directory of yours, and why;',
+    '\nNext: npx tarvek check DIR says what tarvek refuses in a directory of yours, and why;',
   );
   console.log('      examples/server.js runs calls in a worker thread, behind promises.');
   return failed === 0;

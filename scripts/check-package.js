@@ -29,6 +29,7 @@ const CONTENTS = [
   /^(README|CHANGELOG|CONTRIBUTING|SECURITY)\.md$/,
   /^docs\/(\w+\.md|performance\.svg)$/,
   /^(index\.js|index\.d\.ts|load\.js)$/,
+  /^check\/(\w+\.js|index\.d\.ts)$/,
   /^addon\/(\w+\.(cc|h)|exports\.map)$/,
   /^(confine|tree)\/\w+\.(cc|h)$/,
   /^ops\/\w+\.cc$/,
@@ -128,6 +129,14 @@ function spy(folder) {
   assert.equal(tarvek.open, original);
 }
 
+// npm creates the link to the command and makes its file executable.
+function runCommand(folder) {
+  const found = run('npx', ['--offline', 'tarvek', 'check', 'node_modules/tarvek'], {
+    cwd: folder,
+  });
+  assert.equal(found, 'no obstacles\n');
+}
+
 async function main() {
   const folder = fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-package-')));
   try {
@@ -136,6 +145,7 @@ async function main() {
     await step(`contents, ${files.length} files`, () => checkContents(files));
     await step('publint, attw', () => lint(tarball));
     await step('npm ci', () => install(folder, tarball));
+    await step('npx tarvek check', () => runCommand(folder));
     await compileTypes(folder);
     await runEverywhere(folder);
     await step('node-20, arm64, emulated', () => runOnArm64(nodeOf('node-20-arm64'), folder));

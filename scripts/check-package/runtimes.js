@@ -22,7 +22,7 @@ const PROGRAMS = [
   [`${EXAMPLES}/journal.js`],
   [`${EXAMPLES}/release.js`],
   [`${EXAMPLES}/server.js`],
-  [`${EXAMPLES}/check.js`, EXAMPLES],
+  ['node_modules/tarvek/check/command.js', 'check', EXAMPLES],
 ];
 
 // The first example of the README in its two forms, as a reader copies them, and what they print.

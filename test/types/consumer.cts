@@ -4,6 +4,7 @@ import type * as types from 'tarvek';
 import tarvek = require('tarvek');
 
 import { read as readByName } from 'tarvek';
+import { check, format } from 'tarvek/check';
 
 const root: types.RootHandle = tarvek.openRoot('/srv/data');
 const path = ['reports', 'today.json'] as const;
@@ -35,6 +36,15 @@ contents.push(record.type === 'file' ? record.body : Buffer.alloc(record.mode));
 const message = ({ code, stack }: types.TarvekError): string => stack ?? code;
 names.push(message(new Error() as types.TarvekError));
 
+for (const found of check('data', path, ['photos'])) {
+  names.push(format(found), found.kind === 'symlink' ? found.path : found.why);
+  contents.push(found.bytes ?? Buffer.from(found.code ?? 'NOT_FOUND'));
+  // @ts-expect-error there is no such kind
+  found.kind === 'link';
+}
+
+// @ts-expect-error a path is an array of names
+check('data', 'reports/today.json');
 // @ts-expect-error a path is an array of names
 tarvek.read(root, 'reports/today.json');
 // @ts-expect-error a handle comes from openRoot or openRelative
