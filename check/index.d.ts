@@ -32,7 +32,8 @@ type Buffer = FileRecord['body'];
  * - `not-a-directory`: a file or special file on the way. `PATH_OUT_OF_ROOT`.
  * - `changed`: another process replaced the entry during the check. `PATH_OUT_OF_ROOT` from a call
  *   that meets such a race.
- * - `leftover`: a temporary file of a `write` that runs or crashed. No call fails: `code` is `null`.
+ * - `leftover`: a temporary file of a `write` that runs or crashed. No call fails, so `code` is
+ *   `null`.
  */
 export type ObstacleKind =
   | 'symlink'
@@ -77,7 +78,9 @@ export interface Obstacle {
  * `break`.
  *
  * ```js
- * for (const found of check('/srv/app/data', ['reports', 'today.json'])) console.log(format(found));
+ * for (const found of check('/srv/app/data', ['reports', 'today.json'])) {
+ *   console.log(format(found));
+ * }
  * ```
  *
  * @param directory What the program passes to `openRoot`. May be relative here. A symlink in its
@@ -93,8 +96,8 @@ export function check(
 ): Generator<Obstacle, void, undefined>;
 
 /**
- * An obstacle as one line of text, which is safe to print in a terminal: invisible characters of the
- * path are escaped.
+ * An obstacle as one line of text, which is safe to print in a terminal: invisible characters of
+ * the path are escaped.
  *
  * @example 'reports/2024: symlink (PATH_OUT_OF_ROOT)'
  */

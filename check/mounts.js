@@ -1,8 +1,8 @@
 'use strict';
 
 // Where other file systems are mounted, as a tree of names: a directory is a Map of those of its
-// entries that are mount points or lead to one. A mount point has the key HERE in its own Map, which
-// is no name of an entry.
+// entries that are mount points or lead to one. A mount point has the key HERE in its own Map. No
+// entry has this name.
 
 const fs = require('node:fs');
 

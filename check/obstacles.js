@@ -18,8 +18,8 @@ const inGiB = (size) => (size / 2 ** 30).toFixed(1);
 const isUtf8 = (bytes) => Buffer.from(bytes.toString()).equals(bytes);
 const hasOnlyAscii = (name) => !/[\x80-\xff]/.test(name);
 
-// The name is resolved once more here, and a symlink that has just taken it is followed. But nothing
-// is opened, so only the answer can be wrong. Any other error means that the file has just changed.
+// The name is resolved once more here, and a symlink that has just taken it is followed. Nothing is
+// opened, so only the answer can be wrong. Any other error means that the file has just changed.
 function mayNotRead(at) {
   try {
     fs.accessSync(at, fs.constants.R_OK);

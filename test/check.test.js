@@ -142,19 +142,47 @@ test('entries are looked at in the directory that was opened, whatever takes its
   assert.deepEqual(found, ['inside/a', 'inside/c'], 'b has vanished from the directory');
 });
 
-test('a path beyond PATH_MAX is walked, and a search that is left holds no descriptor', (t) => {
+// What is there, the call before which it changes, what takes its place, and what is found.
+const RACES = [
+  ['directory', 'openSync', 'a symlink', ['changed']],
+  ['directory', 'openSync', 'nothing', []],
+  ['file', 'accessSync', 'nothing', []],
+];
+for (const [type, method, successor, kinds] of RACES) {
+  test(`a ${type} that gives way to ${successor} before ${method} is not followed`, (t) => {
+    const entry = at('race', 'entry');
+    fs.mkdirSync(at('race'));
+    t.after(() => fs.rmSync(at('race'), { recursive: true }));
+    if (type === 'file') fs.writeFileSync(entry, '');
+    else fs.mkdirSync(entry);
+    const original = fs[method];
+    t.mock.method(fs, method, (name, ...rest) => {
+      if (String(name).endsWith('/entry')) {
+        fs.rmSync(entry, { recursive: true });
+        if (successor === 'a symlink') fs.symlinkSync('../real/d', entry);
+      }
+      return original(name, ...rest);
+    });
+    const found = Array.from(check(at('race')), ({ kind }) => kind);
+    assert.deepEqual(found, kinds);
+  });
+}
+
+test('a path beyond PATH_MAX is walked, and neither its end nor a break leaks a descriptor', (t) => {
   const root = tarvek.openRoot(scratch);
   t.after(() => tarvek.close(root));
   const link = [...Array(20).fill('n'.repeat(250)), 'link'];
   tarvek.ensureRelativeSymlink(root, ['deep', ...link], ['real']);
   const before = openDescriptors();
   for (const paths of [[], [link]]) {
-    for (const found of check(at('deep'), ...paths)) {
-      assert.equal(found.path, link.join('/'));
-      assert.ok(openDescriptors() > before);
-      break;
+    for (const isLeft of [false, true]) {
+      for (const found of check(at('deep'), ...paths)) {
+        assert.equal(found.path, link.join('/'));
+        assert.ok(openDescriptors() > before);
+        if (isLeft) break;
+      }
+      assert.equal(openDescriptors(), before);
     }
-    assert.equal(openDescriptors(), before);
   }
 });
 
