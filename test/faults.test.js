@@ -1,19 +1,19 @@
 'use strict';
 
-// Compares the system calls of every operation with the listings in test/calls/. Then makes each
+// Compares the system calls of every operation with its listing in test/operations/. Then makes each
 // call go wrong: it fails with one of several errnos, moves fewer bytes, or, for fstat and fstatat,
 // reports another value, once or from there on. The operation must end as the note on the call's
 // line says. Without a note, a failing call must end the operation in the failure of its errno, and
 // leave the disk as the calls before it left it. Any other fault must make no difference.
 
-const { run, rehearse, FIELDS, FAR } = require('./support/faults.js');
+const { NOTHING, run } = require('./support/interposer.js');
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
-const path = require('node:path');
 const test = require('node:test');
-const { Disk, plain } = require('./support/disk.js');
-const { BYTES, expectOutcome, failures, lines, table, thrownBy } = require('./support/harness.js');
-const { scenarios } = require('./support/scenarios.js');
+const { expectOutcome, failures, lines, table, thrownBy } = require('./support/harness.js');
+const { withoutTemporary } = require('./support/harness.js');
+const { FIELDS, fold } = require('./support/listings.js');
+const { scenarios } = require('./support/rows.js');
 const tarvek = require('./support/tarvek.js');
 
 const ERRNOS = ['EIO', 'ENOENT', 'ELOOP', 'EEXIST', 'EINTR'];
@@ -24,132 +24,233 @@ const IGNORED = ['close', 'closedir', 'getrandom'];
 const REPEATED = ['read', 'pread', 'write'];
 const COUNTING = [...REPEATED, 'readlinkat', 'getrandom'];
 const FOREVER = 1 << 30;
-const ACTUAL = path.join(__dirname, '../build/test/calls');
 
-const everywhere = (title, verify) => {
-  const rows = scenarios.map((scenario) => [scenario.name, () => verify(scenario)]);
-  table(title, rows);
-};
+const rowsOf = (list) => list.map((scenario) => [scenario.name, scenario]);
 const isListed = ({ text }) => text !== undefined;
 
-everywhere('each operation makes the listed calls, and no others, in this order', (scenario) => {
-  const [actual, listed] = [rehearse(scenario).calls.filter(isListed), scenario.listing];
-  const texts = [actual, listed].map((calls) => calls.map(({ text }) => `  ${text}`).join('\n'));
-  if (texts[0] === texts[1]) return;
-  fs.mkdirSync(ACTUAL, { recursive: true });
-  const file = path.join(ACTUAL, `${scenario.name.replace(/\W+/g, '-')}.txt`);
-  fs.writeFileSync(file, `${scenario.name}\n${texts[0]}\n`);
-  assert.equal(...texts, `the actual calls are in ${file}`);
+// Runs the scenario without a fault. Returns the result, the calls, the trees, and room for
+// the images of imageWhenFailing.
+function rehearse(scenario) {
+  let normal;
+  run(scenario, NOTHING, (seen) => {
+    const result = expectOutcome('-', seen.outcome);
+    scenario.check(result, seen.ctx);
+    normal = { ...seen, result, images: new Map() };
+  });
+  return normal;
+}
+
+const LISTED = 'each operation makes the listed calls, and no others, in this order';
+table(LISTED, rowsOf(scenarios), (scenario) => {
+  const actual = rehearse(scenario).calls.filter(isListed);
+  const texts = [actual, scenario.listing].map((calls) => calls.map(({ text }) => text));
+  if (texts[0].join('\n') === texts[1].join('\n')) return;
+  const [folded, listed] = texts.map((calls) => `\n${fold(calls).join('\n')}\n`);
+  assert.equal(folded, listed, 'the calls, folded as in the listing');
 });
 
 // Everything that can go wrong at a call, as [plan, outcome].
 function faultsAt({ nth: first, name, error: failed }, notes) {
-  const isIgnored = (error) =>
-    IGNORED.includes(name) || (error === 'EINTR' && REPEATED.includes(name));
-  const failing = ERRNOS.map((error) => {
-    const usual = isIgnored(error) ? '-' : (notes.fails ?? failureOf(error));
-    return [{ first, action: 'fail', error }, notes[error] ?? usual];
-  });
-  const counted = [
-    [{ first, action: 'short', count: FOREVER }, notes.short ?? '-'],
-    [{ first, action: 'zero', error: 'ELOOP' }, notes.zero ?? '-'],
-  ];
-  const altered = FIELDS.flatMap((field) => [
-    [{ first, action: 'alter', field, count: FOREVER }, notes[field] ?? '-'],
-    [{ first, action: 'alter', field }, notes[`once ${field}`] ?? notes[field] ?? '-'],
-  ]);
-  const isStat = name.startsWith('fstat') && !failed;
-  return [...failing, ...(COUNTING.includes(name) ? counted : []), ...(isStat ? altered : [])];
+  const faults = [];
+  const at = { first, name };
+  for (const error of ERRNOS) {
+    const isIgnored = IGNORED.includes(name) || (error === 'EINTR' && REPEATED.includes(name));
+    const usual = isIgnored ? '-' : (notes.fails ?? failureOf(error));
+    faults.push([{ ...at, action: 'fail', error }, notes[error] ?? usual]);
+  }
+  if (COUNTING.includes(name)) {
+    faults.push([{ ...at, action: 'short', count: FOREVER }, notes.short ?? '-']);
+    faults.push([{ ...at, action: 'zero', error: 'ELOOP' }, notes.zero ?? '-']);
+  }
+  if (!name.startsWith('fstat') || failed) return faults;
+  for (const field of FIELDS) {
+    const always = notes[field] ?? '-';
+    const once = notes[`once ${field}`] ?? always;
+    faults.push([{ ...at, action: 'alter', field, count: FOREVER }, always]);
+    faults.push([{ ...at, action: 'alter', field }, once]);
+  }
+  return faults;
 }
 
-// The disk as the calls before the failing one left it, without what the operation cleans up.
-function imageWhenFailing({ operation, paths }, { calls, before, after }, { first, action }) {
-  const disk = new Disk(before, 'none');
-  for (const call of calls) if (call.nth < first) disk.apply(call);
-  const image = disk.now();
-  const [leaf, other] = paths.map((names) => names.join('/'));
-  for (const name of Object.keys(image)) if (name.includes('.tarvek-')) delete image[name];
-  if (operation === 'publishVerified' && image[leaf]) delete image[other];
-  const isShort = action === 'short' && operation === 'append';
-  if (isShort) image[leaf] = plain(after)[leaf].slice(0, -(BYTES.NEW.length >> 1));
+// The disk as the calls before the failing one left it, without what the operation cleans up. If all
+// calls fail from there on, nothing is cleaned up.
+function imageWhenFailing(scenario, normal, { first, name, action }) {
+  if (!scenario.mutates) return normal.before;
+  const kind = action === 'short' ? 'cut' : 'fail';
+  const key = `${kind} ${first}`;
+  if (normal.images.has(key)) return normal.images.get(key);
+  let image;
+  const plan = { first, name, action: kind, count: FOREVER };
+  run(scenario, { ...plan, error: 'EIO' }, ({ after }) => {
+    image = withoutTemporary(after);
+  });
+  const { operation, leaf, other } = scenario;
+  if (operation === 'publishVerified' && leaf in image) {
+    delete image[other];
+    image[leaf] = normal.before[leaf];
+  }
+  normal.images.set(key, image);
   return image;
 }
 
 // All bytes and names in a result.
-const textOf = (value) =>
-  typeof value !== 'object' || Buffer.isBuffer(value)
-    ? String(value)
-    : Object.values(value).map(textOf).join('');
+function textOf(value) {
+  if (typeof value !== 'object' || Buffer.isBuffer(value)) return String(value);
+  return Object.values(value).map(textOf).join('');
+}
 
 const flushesIn = (calls) => calls.filter(({ name }) => name === 'fsync').map(({ text }) => text);
 
-function verify(scenario, normal, plan, expected, { ctx, outcome, calls, after }) {
-  assert.equal(tarvek.exists(ctx.handle, ['absent']), false, 'the handle still works');
-  const isFailure = failures.includes(expected);
-  const result = expectOutcome(isFailure ? expected : '-', outcome);
-  if (expected === '-') {
+// What a call that does not fail may do, by the word in the listing.
+const ENDINGS = {
+  '-': (scenario, normal, _, { result, ctx, calls, after }) => {
     scenario.check(result, ctx);
     assert.deepEqual(flushesIn(calls), flushesIn(normal.calls), 'the flushes');
-  }
-  if (expected === 'other') {
-    const { dev, ino } = tarvek.rootIdentity(result);
-    assert.ok({ device: dev, inode: ino }[plan.field] >= FAR);
-    tarvek.close(result);
-  }
-  if (expected === 'false') assert.equal(result, false);
-  if (expected === 'less') {
+    assert.deepEqual(after, normal.after, 'the disk');
+  },
+  false: (_, normal, __, { result, after }) => {
+    assert.equal(result, false);
+    assert.deepEqual(after, normal.before, 'the disk');
+  },
+  less: (_, normal, __, { result, after }) => {
     const [less, all] = [result, normal.result].map(textOf);
     assert.ok(less.length < all.length && !less.includes('\0'), `${less} instead of ${all}`);
-  }
-  if (!isFailure) return assert.deepEqual(after, expected === '-' ? normal.after : normal.before);
-  assert.deepEqual(plain(after), imageWhenFailing(scenario, normal, plan), 'the disk');
+    assert.deepEqual(after, normal.before, 'the disk');
+  },
+  other: (_, normal, { field }, { result, after }) => {
+    const { dev, ino } = tarvek.rootIdentity(result);
+    tarvek.close(result);
+    assert.ok({ device: dev, inode: ino }[field] >= 2n ** 40n, 'another identity');
+    assert.deepEqual(after, normal.before, 'the disk');
+  },
+};
+
+function verifyFault(scenario, normal, plan, expected) {
+  const isFailure = failures.has(expected);
+  const image = isFailure ? imageWhenFailing(scenario, normal, plan) : undefined;
+  run(scenario, plan, (seen) => {
+    assert.equal(tarvek.exists(seen.ctx.handle, ['absent']), false, 'the handle still works');
+    const result = expectOutcome(isFailure ? expected : '-', seen.outcome);
+    if (isFailure) assert.deepEqual(seen.after, image, 'the disk');
+    else ENDINGS[expected](scenario, normal, plan, { ...seen, result });
+  });
 }
 
-everywhere('any fault at any system call ends as its listing says', (scenario) => {
+// The listing of a scenario in the root is the same with fewer directories.
+const faulty = scenarios.filter(({ isNested, call }) => isNested || call.startsWith('exchange'));
+
+// The shared sequences are the same code in every operation. What they do not look at is tried with
+// one operation only, because it is most of the faults.
+const isHarmless = ({ action }, expected) => action === 'alter' && expected === '-';
+
+const FAULTS = 'any fault at any system call ends as its listing says';
+table(FAULTS, rowsOf(faulty), (scenario) => {
   const normal = rehearse(scenario);
   const calls = normal.calls.filter(isListed);
   assert.equal(calls.length, scenario.listing.length, 'the number of calls');
-  for (const [i, { notes }] of scenario.listing.entries()) {
-    for (const [plan, expected] of calls[i].nth ? faultsAt(calls[i], notes) : []) {
-      run(scenario, plan, (seen) => verify(scenario, normal, plan, expected, seen));
+  const wrong = [];
+  for (const [i, { notes, isShared }] of scenario.listing.entries()) {
+    const { nth, text } = calls[i];
+    for (const [plan, expected] of nth ? faultsAt(calls[i], notes) : []) {
+      if (isShared && isHarmless(plan, expected) && scenario.operation !== 'exists') continue;
+      const { thrown } = thrownBy(() => verifyFault(scenario, normal, plan, expected));
+      const { action, field = '', error = '', count } = plan;
+      const what = `${action} ${field}${error}${count ? ' from there on' : ''}`;
+      if (thrown) wrong.push(`call ${nth}, ${text}: ${what}, not ${expected}: ${thrown.message}`);
     }
   }
+  assert.equal(wrong.length, 0, `${wrong.length} wrong\n${wrong.join('\n')}`);
 });
 
-// The scenario, the system call, how many calls fail from its first use on, the errno of the first
-// failure and of the later ones, and the outcome.
-const IN_A_ROW = lines(`
-  read leaf                      read      20  EINTR   EINTR   -
-  removeIfEquals leaf OLD        pread     20  EINTR   EINTR   -
-  write leaf NEW, a file         write     20  EINTR   EINTR   -
-  append leaf 19 4 NEW, a file   write     20  EINTR   EINTR   -
-  append leaf 19 4 NEW, a file   openat    7   ENOENT  EINTR   -
-  append leaf 19 4 NEW, a file   openat    8   ENOENT  EINTR   storage
-  append leaf 19 4 NEW, a file   openat    8   EINTR   ENOENT  missing
-  write leaf NEW, a file         write     99  ENOSPC  ENOENT  missing
-  write leaf NEW, a file         fsync     99  EIO     ELOOP   outside
-  write leaf NEW, a file         renameat  99  EACCES  ENOENT  storage
-  write leaf NEW, a file         renameat  99  ENOENT  EIO     missing
-  publishVerified fd:leaf leaf other OLD  unlinkat  99  EIO     ENOENT  storage`);
+// What a crash leaves depends on what was flushed. This judges a listing that someone changes: at
+// its end, each directory and file that it changed has been flushed since.
+const CHANGED = {
+  mkdirat: ([directory]) => [directory],
+  unlinkat: ([directory]) => [directory],
+  symlinkat: ([, directory]) => [directory],
+  linkat: ([, , directory]) => [directory],
+  renameat: ([from, , to]) => [from, to],
+  openat: ([directory, , flags]) => (/CREAT/.test(flags) ? [directory] : []),
+  write: ([file]) => [file],
+};
+const changing = scenarios.filter(({ mutates, operation }) => {
+  return mutates && operation !== 'exchangeForTest';
+});
 
-const inARow = IN_A_ROW.map(([name, call, count, error, then, expected]) => [
-  `${name}: ${call} ${count} times, ${error}, then ${then}`,
-  () => {
-    const scenario = scenarios.find((one) => one.name === name);
-    const normal = rehearse(scenario);
-    const { nth: first } = normal.calls.find((one) => one.name === call);
-    run(scenario, { action: 'fail', first, count: Number(count), error, then }, (seen) => {
-      const result = expectOutcome(expected, seen.outcome);
-      if (expected !== '-') return;
-      scenario.check(result, seen.ctx);
-      assert.deepEqual(seen.after, normal.after);
-    });
-  },
-]);
-table('several failures in a row: a retry succeeds, or the right errno decides', inARow);
+table('everything that a listing changes is flushed in time', rowsOf(changing), ({ listing }) => {
+  let pending = [];
+  let linked;
+  for (const { text } of listing) {
+    const [name, ...args] = text.split(' ');
+    if (name === 'fsync') {
+      assert.equal(args[0], linked ?? args[0], 'the new name of a file is flushed first');
+      linked = undefined;
+      pending = pending.filter((at) => at !== args[0]);
+    }
+    if (name === 'linkat') linked = args[2];
+    if (name === 'renameat') {
+      const file = pending.find((at) => at.endsWith(args[1]));
+      assert.equal(file, undefined, 'bytes are flushed before their file is renamed');
+    }
+    if (!text.includes(' = ')) pending.push(...(CHANGED[name]?.(args) ?? []));
+  }
+  assert.deepEqual(pending, [], 'not flushed');
+});
+
+// The scenario, the system call, what happens to how many calls from its first use on, the errno of
+// the first failure and of the later ones, and the outcome.
+const IN_A_ROW = lines(`
+  read leaf                               read      fail  20  EINTR   EINTR   -
+  removeIfEquals leaf OLD                 pread     fail  20  EINTR   EINTR   -
+  write leaf NEW, a file                  write     fail  20  EINTR   EINTR   -
+  append leaf 19 4 NEW, a file            write     fail  20  EINTR   EINTR   -
+  append leaf 19 4 NEW, a file            openat    fail  7   ENOENT  EINTR   -
+  append leaf 19 4 NEW, a file            openat    fail  8   ENOENT  EINTR   storage
+  append leaf 19 4 NEW, a file            openat    fail  8   EINTR   ENOENT  missing
+  write leaf NEW, a file                  write     fail  99  ENOSPC  ENOENT  missing
+  write leaf NEW, a file                  fsync     fail  99  EIO     ELOOP   outside
+  write leaf NEW, a file                  renameat  fail  99  EACCES  ENOENT  storage
+  write leaf NEW, a file                  renameat  fail  99  ENOENT  EIO     missing
+  publishVerified fd:leaf leaf other OLD  unlinkat  fail  99  EIO     ENOENT  storage
+  write leaf NEW, a file                  write     cut   2   EIO     EIO     storage
+  read leaf                               read      cut   2   EIO     EIO     storage
+  capture leaf                            read      cut   2   EIO     EIO     storage
+  snapshot leaf                           read      cut   2   EIO     ENOENT  missing`);
+const inARow = IN_A_ROW.map(([name, call, action, count, error, then, expected]) => {
+  const plan = { name: call, action, count: Number(count), error, then };
+  return [
+    `${name}, ${call} ${action} ${count} times, ${error}, then ${then}`,
+    name,
+    plan,
+    expected,
+  ];
+});
+
+table('several faults in a row end as their errnos say', inARow, (row, plan, expected) => {
+  const scenario = scenarios.find(({ name }) => name === row);
+  const normal = rehearse(scenario);
+  const { nth: first } = normal.calls.find(({ name }) => name === plan.name);
+  run(scenario, { ...plan, first }, ({ ctx, outcome, after }) => {
+    const result = expectOutcome(expected, outcome);
+    if (expected !== '-') return;
+    scenario.check(result, ctx);
+    assert.deepEqual(after, normal.after);
+  });
+});
+
+const LARGE = ['write leaf MANY', 'create leaf MANY', 'append leaf 0 0 MANY'];
+const large = LARGE.map((call) => [call, call]);
+
+table('many bytes are flushed too, before the directory', large, (call) => {
+  run({ before: {}, call }, NOTHING, ({ outcome, calls }) => {
+    expectOutcome('-', outcome);
+    const names = calls.flatMap(({ nth, name }) => (nth ? name : [])).join(' ');
+    assert.match(names, /write( write)* fsync .*fsync/);
+  });
+});
 
 test('a handle whose close fails counts as open', () => {
-  const plan = { first: 1, action: 'fail', error: 'EIO' };
+  const plan = { first: 1, name: 'close', action: 'fail', error: 'EIO' };
   run({ before: {}, call: 'close' }, plan, ({ ctx, outcome }) => {
     expectOutcome('storage', outcome);
     // The number of its descriptor is free. Once another open takes the number, the handle works

@@ -14,10 +14,10 @@ const { setFlagsFromString } = require('node:v8');
 const { runInNewContext } = require('node:vm');
 const { Worker } = require('node:worker_threads');
 const harness = require('./support/harness.js');
+const { OLD, build, symlink } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
-const { OLD, descriptors, expectOutcome, lines, place, prepare, sandbox } = harness;
-const { build, each, symlink, thrownBy } = harness;
+const { descriptors, expectOutcome, lines, place, prepare, sandbox, table, thrownBy } = harness;
 const CALLS = process.env.TARVEK_TEST_FULL === '1' ? 1_000_000 : 100_000;
 const CALLS_PER_HANDLE = 10;
 const SLACK = 4 * 1024 * 1024;
@@ -210,7 +210,10 @@ const scarce = SCARCE.map(([words, ...numbers]) => {
 // A sanitizer takes so much address space for small blocks that the engine fails first.
 const possible = scarce.filter(([, , , size]) => size > 1e6 || !sanitized);
 
-each('too little memory fails without a crash', possible, (ctx, words, size, room, fit) => {
+const scarcely = (layout, ...rest) => sandbox(layout, (ctx) => expectScarce(ctx, ...rest));
+table('too little memory fails without a crash', possible, scarcely);
+
+function expectScarce(ctx, words, size, room, fit) {
   for (const name of fs.readdirSync(ctx.at('d'))) fs.truncateSync(ctx.at('d', name), size);
   const [operation, [, path]] = prepare(ctx, words);
   const plan = { module: MODULE, root: ctx.root, operation, path, room: size * room };
@@ -221,7 +224,7 @@ each('too little memory fails without a crash', possible, (ctx, words, size, roo
   const [, count, end] = /^1 results; (\d+) results, then (.*)$/.exec(stdout) ?? [];
   assert.equal(end, 'FILESYSTEM_FAILURE, Repository-local storage operation failed', stderr);
   assert.ok(count >= fit, stdout);
-});
+}
 
 const bytesRead = () => Number(/rchar: (\d+)/.exec(fs.readFileSync('/proc/self/io', 'utf8'))[1]);
 

@@ -7,7 +7,7 @@ const test = require('node:test');
 const { inspect } = require('node:util');
 const tarvek = require('tarvek');
 const { codes } = require('./support/harness.js');
-const { scenarios } = require('./support/scenarios.js');
+const { scenarios } = require('./support/rows.js');
 
 const EXPORTS =
   `open openRoot openRelative close rootIdentity exists list capture snapshot read write
@@ -54,6 +54,6 @@ test('the types declare every function, with a comment, and every point, stage a
       .split(';')[0]
       .match(/[\w-]+/g),
   );
-  const points = scenarios.flatMap(({ hooks }) => hooks.map(({ point }) => point));
+  const points = scenarios.flatMap(({ hooks }) => hooks.map(({ event }) => event.point));
   assert.deepEqual(members.sort(), [...new Set([...points, ...codes])].sort());
 });

@@ -1,17 +1,18 @@
 'use strict';
 
 const assert = require('node:assert/strict');
-const { execFileSync } = require('node:child_process');
+const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
-const net = require('node:net');
 const os = require('node:os');
 const path = require('node:path');
 const test = require('node:test');
+const { BYTES, build, treeOf } = require('./layouts.js');
 const tarvek = require('./tarvek.js');
 
-// The lines of a table, each split at two or more spaces.
+// The lines of a text, each split at two or more spaces.
 const lines = (text) => Array.from(text.trim().split('\n'), (line) => line.trim().split(/ {2,}/));
 
+// The failures of the module. Every table names them by the first word.
 const FAILURES = lines(`
   outside            PATH_OUT_OF_ROOT     Path validation refused outside the permitted root
   missing            NOT_FOUND            Requested repository-local record is absent
@@ -30,78 +31,83 @@ const FAILURES = lines(`
   changed            PATH_OUT_OF_ROOT     snapshot source changed during copy
   replacedDirectory  PATH_OUT_OF_ROOT     snapshot directory identity changed while opening
   changedDirectory   PATH_OUT_OF_ROOT     snapshot directory changed during copy`);
-const failures = FAILURES.map(([name]) => name);
+const failures = new Map(FAILURES.map(([name, code, message]) => [name, { code, message }]));
 const codes = FAILURES.map(([, code]) => code);
 
-// A layout describes what is on disk. A string or Buffer is a file, an object is a directory, a
-// function creates any other entry at the path `at`, and undefined is a missing entry. The module
-// itself gives new entries other modes, those of `fresh`.
-const symlink = (text) => (at) => fs.symlinkSync(text, at);
-const hardlink = (sibling) => (at) => fs.linkSync(path.join(path.dirname(at), sibling), at);
-const fifo = () => (at) => execFileSync('mkfifo', [at]);
-const socket = () => (at) => {
-  // Closing the server removes the name that it was bound to.
-  const server = net.createServer().listen(`${at}~`);
+function thrownBy(body) {
   try {
-    fs.renameSync(`${at}~`, at);
-  } finally {
-    server.close();
+    return { result: body() };
+  } catch (thrown) {
+    return { thrown };
   }
-};
-const withMode = (mode, content) => (at) => {
-  build(at, content);
-  fs.chmodSync(at, mode);
-};
-const isDirectory = (content) => typeof content === 'object' && !Buffer.isBuffer(content);
-// With the mode of an entry that the module created.
-const fresh = (content) => withMode(isDirectory(content) ? 0o700 : 0o600, content);
-
-function build(at, content) {
-  if (content === undefined) return;
-  if (typeof content === 'function') return content(at);
-  if (!isDirectory(content)) return fs.writeFileSync(at, content);
-  fs.mkdirSync(at);
-  for (const [name, inner] of Object.entries(content)) build(path.join(at, name), inner);
 }
 
-// The image of a tree: for each path beneath `at`, one string with its mode, links and content.
-function treeOf(at, prefix = '', image = {}) {
-  for (const name of fs.readdirSync(at).sort()) {
-    const inner = path.join(at, name);
-    const stat = fs.lstatSync(inner);
-    const type = stat.mode.toString(8);
-    const text = stat.isSymbolicLink() ? fs.readlinkSync(inner) : '';
-    const content = stat.isFile() ? fs.readFileSync(inner, 'latin1') : text;
-    image[prefix + name] = stat.isDirectory() ? type : `${type} ${stat.nlink} ${content}`;
-    if (stat.isDirectory()) treeOf(inner, `${prefix}${name}/`, image);
-  }
-  return image;
+function isWritable(at) {
+  const { thrown } = thrownBy(() => fs.accessSync(at, fs.constants.W_OK));
+  return !thrown;
 }
 
-function assertTree(layout) {
-  const expected = path.join(base, 'expected');
-  build(expected, layout);
-  const images = [treeOf(root), treeOf(expected)];
-  fs.rmSync(expected, { recursive: true });
-  assert.deepEqual(...images, 'the whole disk beneath the root');
-}
+// One directory for the whole process holds the root and what is outside it. It is in memory unless
+// TMPDIR is set, because a disk makes the tests slower.
+const parent = isWritable('/dev/shm') && !process.env.TMPDIR ? '/dev/shm' : os.tmpdir();
+const base = fs.mkdtempSync(path.join(fs.realpathSync(parent), 'tarvek-'));
+// The directories created in it would inherit a set-group-ID bit.
+fs.chmodSync(base, 0o700);
+process.on('exit', () => fs.rmSync(base, { recursive: true, force: true }));
+const root = path.join(base, 'root');
+// `depth` is the number of directories from "/" to the root. openRoot walks through them too.
+const depth = root.split('/').length - 1;
+const place = { base, root, depth, at: (...names) => path.join(root, ...names) };
+const UMASK = 0o022;
+process.umask(UMASK);
 
 // Descriptors to ignore: already closed, read by libc in other threads when it frees memory, the
 // report of a sanitizer, and one that Node reserves with its first socket.
 const IGNORED = / (undefined|\/proc\/sys\/vm\/overcommit_memory|.*\/report\.\d+|\/dev\/null)$/;
+
+// The open descriptors of this process, each as its number and the path of its file.
 function descriptors() {
-  const targetOf = (fd) => thrownBy(() => fs.readlinkSync(`/proc/self/fd/${fd}`)).result;
-  const entries = fs.readdirSync('/proc/self/fd').map((fd) => `${fd} ${targetOf(fd)}`);
+  const entries = fs.readdirSync('/proc/self/fd').map((fd) => {
+    const { result } = thrownBy(() => fs.readlinkSync(`/proc/self/fd/${fd}`));
+    return `${fd} ${result}`;
+  });
   return entries.filter((entry) => !IGNORED.test(entry));
 }
 
+function emptyBase() {
+  for (const name of fs.readdirSync(base)) fs.rmSync(path.join(base, name), { recursive: true });
+}
+
+// Runs `body` on a root directory with this layout. Always removes the hook, the borrowed
+// descriptors and everything on disk afterwards. Fails if a descriptor stays open, or if the umask
+// is another one.
+function sandbox(layout, body) {
+  const before = descriptors();
+  const borrowed = [];
+  const open = (at, flags) => {
+    const fd = fs.openSync(at, flags);
+    borrowed.push(fd);
+    return fd;
+  };
+  const ctx = { ...place, open };
+  const outcome = thrownBy(() => {
+    build(root, layout);
+    ctx.handle = tarvek.openRoot(root);
+    body(ctx);
+  });
+  tarvek.setTestHook();
+  for (const fd of borrowed) fs.closeSync(fd);
+  if (ctx.handle) tarvek.close(ctx.handle);
+  emptyBase();
+  if ('thrown' in outcome) throw outcome.thrown;
+  assert.deepEqual(descriptors(), before, 'the same descriptors are open as before');
+  assert.equal(process.umask(UMASK), UMASK, 'the umask');
+}
+
 // A call in words is the operation and its arguments: a segment array as names joined by slashes
-// (capture takes any number), a number, OLD or NEW for bytes, "@" before a path below the root to
+// (capture takes any number), a number, OLD, NEW or MANY for bytes, "@" before a path below the root to
 // make it absolute, "=" before a plain string, "fd:" before a file to open (for reading, or with the
 // flags after a second colon), and "stage" for a callback.
-const OLD = 'the bytes of before';
-const BYTES = { OLD: Buffer.from(OLD), NEW: Buffer.from('the new bytes') };
-
 function argument(ctx, word) {
   if (word in BYTES) return BYTES[word];
   if (word === 'NaN' || !Number.isNaN(Number(word))) return Number(word);
@@ -113,91 +119,59 @@ function argument(ctx, word) {
   return ctx.open(ctx.at(name), Number(flags) || flags);
 }
 
+const WITHOUT_HANDLE = ['open', 'openRoot', 'setTestHook'];
+
 // Turns a call in words into [operation, arguments]. Opens the descriptor that the call borrows.
 function prepare(ctx, words) {
   const [operation, ...rest] = words.split(' ');
   const args = rest.map((word) => argument(ctx, word));
-  if (/^open(Root)?$/.test(operation)) return [operation, args];
-  return [operation, [ctx.handle, ...(operation === 'capture' ? [args] : args)]];
+  if (WITHOUT_HANDLE.includes(operation)) return [operation, args];
+  if (operation === 'capture') return [operation, [ctx.handle, args]];
+  return [operation, [ctx.handle, ...args]];
 }
 
-// One directory for the whole process holds the root and what is outside it. It is in memory unless
-// TMPDIR is set, because a disk makes the tests slower.
-const isWritable = (at) => 'result' in thrownBy(() => fs.accessSync(at, fs.constants.W_OK));
-const parent = isWritable('/dev/shm') && !process.env.TMPDIR ? '/dev/shm' : os.tmpdir();
-const base = fs.mkdtempSync(path.join(fs.realpathSync(parent), 'tarvek-'));
-// The directories created in it would inherit a set-group-ID bit.
-fs.chmodSync(base, 0o700);
-process.on('exit', () => fs.rmSync(base, { recursive: true, force: true }));
-const root = path.join(base, 'root');
-process.umask(0o022);
-// `depth` is the number of directories above the root. openRoot walks through them too.
-const depth = root.split('/').length - 2;
-const place = { base, root, depth, at: (...names) => path.join(root, ...names) };
-
-function thrownBy(body) {
-  try {
-    return { result: body() };
-  } catch (thrown) {
-    return { thrown };
-  }
-}
-
-// Runs `body` on a root directory with this layout. Always removes the hook, the borrowed
-// descriptors and everything on disk afterwards. Fails if a descriptor stays open.
-function sandbox(layout, body) {
-  const before = descriptors();
-  const borrowed = [];
-  const open = (at, flags) => borrowed[borrowed.push(fs.openSync(at, flags)) - 1];
-  const ctx = { ...place, open };
-  const outcome = thrownBy(() => {
-    build(root, layout);
-    ctx.handle = tarvek.openRoot(root);
-    body(ctx);
-  });
-  tarvek.setTestHook();
-  for (const fd of borrowed) fs.closeSync(fd);
-  if (ctx.handle) tarvek.close(ctx.handle);
-  for (const name of fs.readdirSync(base)) fs.rmSync(path.join(base, name), { recursive: true });
-  if ('thrown' in outcome) throw outcome.thrown;
-  assert.deepEqual(descriptors(), before, 'the same descriptors are open as before');
+function withoutTemporary(image) {
+  const entries = Object.entries(image).filter(([name]) => !/(^|\/)\.tarvek-/.test(name));
+  return Object.fromEntries(entries);
 }
 
 // Makes a call, given in words or as [operation, arguments]. Calls `act` at every hook point and at
 // every stage of a write. After a failure, the disk must be as the last event left it, without a
-// temporary file and with the entries `left`, which the call leaves behind on purpose.
-function attempt(ctx, call, act = () => {}, left = {}) {
+// temporary file.
+function attempt(ctx, call, act = () => {}) {
   const [operation, args] = typeof call === 'string' ? prepare(ctx, call) : call;
   let image = treeOf(base);
   const handle = (event) => {
     try {
       return act(event);
     } finally {
-      const entries = Object.entries(treeOf(base));
-      image = Object.fromEntries(entries.filter(([name]) => !name.includes('/.tarvek-')));
+      image = withoutTemporary(treeOf(base));
     }
   };
   ctx.stage = (point) => handle({ point });
   tarvek.setTestHook(handle);
   const outcome = thrownBy(() => tarvek[operation](...args));
   tarvek.setTestHook();
-  if ('thrown' in outcome) assert.deepEqual(treeOf(base), { ...image, ...left }, 'the whole disk');
+  if ('thrown' in outcome) assert.deepEqual(treeOf(base), image, 'the whole disk');
   return outcome;
 }
 
 // Asserts that a call ended in one of the failures above or, for "-", in success. Returns its result.
-function expectOutcome(expected, { thrown: error, ...returned }) {
+function expectOutcome(expected, outcome) {
+  const { thrown: error } = outcome;
   if (expected === '-') {
-    if (!('result' in returned)) throw error;
-    return returned.result;
+    if ('thrown' in outcome) throw error;
+    return outcome.result;
   }
-  const [, code, message] = FAILURES[failures.indexOf(expected)];
-  assert.deepEqual(returned, {}, `returned instead of failing with "${message}"`);
+  const { code, message } = failures.get(expected);
+  assert.ok('thrown' in outcome, `returned instead of failing with "${message}"`);
   const isError = error instanceof Error && Object.getPrototypeOf(error) === Error.prototype;
   assert.ok(isError, `threw ${String(error)} instead of an Error with "${message}"`);
   assert.deepEqual([error.code, error.message], [code, message], error.stack);
   assert.deepEqual(Object.keys(error), ['code'], 'the error has only its code');
+  return undefined;
 }
+
 const expectCall = (expected, ...calling) => expectOutcome(expected, attempt(...calling));
 
 // Asserts that the caller gets exactly what the callback of `callWith(callback)` throws.
@@ -207,44 +181,73 @@ function expectPassedOn(callWith) {
       throw value;
     };
     const outcome = callWith(thrower);
-    assert.ok('thrown' in outcome && outcome.thrown === value, `the caller got ${outcome.thrown}`);
+    assert.ok('thrown' in outcome, 'the caller got no exception');
+    assert.equal(outcome.thrown, value, 'what the caller got');
   }
 }
 
-// An error's message, and the line of the test file where it was thrown.
-function describe(error) {
-  const [where] = /\n.*\.test\.js:.*/.exec(error?.stack) ?? [''];
-  return `${error?.message ?? error}${where}`;
+// Asserts that the disk beneath the root is this layout.
+function assertTree(layout) {
+  const expected = path.join(base, 'expected');
+  build(expected, layout);
+  const image = treeOf(expected);
+  fs.rmSync(expected, { recursive: true });
+  assert.deepEqual(treeOf(root), image, 'the whole disk beneath the root');
 }
 
-// One test for many rows, each [name, body]. Its message lists every row that failed.
-function table(title, rows) {
-  test(title, (t) => {
-    assert.notEqual(rows.length, 0, 'the table is empty');
-    const failed = rows.flatMap(([name, body]) => {
-      const outcome = thrownBy(body);
-      return 'thrown' in outcome ? [`- ${name}: ${describe(outcome.thrown)}`] : [];
-    });
-    t.diagnostic(`${rows.length} cases`);
-    assert.equal(failed.length, 0, `${failed.length} cases failed\n${failed.join('\n')}`);
+function identityOf(at) {
+  const { dev, ino } = fs.statSync(at, { bigint: true });
+  return { dev, ino };
+}
+
+// Asserts that a handle stands for this directory. Closes it.
+function checkOpened(handle, ctx, name) {
+  assert.deepEqual(tarvek.rootIdentity(handle), identityOf(ctx.at(name)));
+  tarvek.close(handle);
+}
+
+// One test for each row [name, ...rest], which calls run(...rest). The rows are no subtests, because
+// --test-name-pattern does not find those in versions of Node before 22.
+function table(title, rows, run) {
+  assert.notEqual(rows.length, 0, `${title}: the table is empty`);
+  for (const [name, ...rest] of rows) test(`${title}: ${name}`, () => run(...rest));
+}
+
+// The command that runs Node. Under an emulator it has several words.
+const NODE = process.env.TARVEK_TEST_NODE?.split('\n') ?? [process.execPath];
+const TIMEOUT = 60_000;
+
+// Runs a program of test/programs/ in a process of its own. It must end by itself, without an error.
+function expectProgram(name, ...args) {
+  const [command, ...rest] = [...NODE, path.join(__dirname, '../programs', name)];
+  const words = [...rest, ...args.map((value) => JSON.stringify(value))];
+  const ended = spawnSync(command, words, {
+    encoding: 'utf8',
+    timeout: TIMEOUT,
+    killSignal: 'SIGKILL',
   });
-}
-
-// The same for rows [name, layout, ...rest], each in a sandbox of its own: calls run(ctx, ...rest).
-function each(title, rows, run) {
-  const bodyOf = ([layout, ...rest]) => sandbox(layout, (ctx) => run(ctx, ...rest));
-  const bodies = rows.map(([name, ...rest]) => [name, () => bodyOf(rest)]);
-  table(title, bodies);
-}
-
-// The same for an object of bodies by name. All start from one layout.
-function cases(title, layout, bodies) {
-  const rows = Object.entries(bodies).map(([name, body]) => [name, layout, body]);
-  each(title, rows, (ctx, body) => body(ctx));
+  assert.equal(ended.signal, null, `${name} did not end by itself`);
+  assert.equal(ended.status, 0, ended.stderr);
+  return ended.stdout;
 }
 
 module.exports = {
-  ...{ OLD, BYTES, lines, failures, codes, symlink, hardlink, fifo, socket, withMode, fresh },
-  ...{ build, treeOf, assertTree, place, descriptors, prepare, sandbox, thrownBy, attempt },
-  ...{ expectOutcome, expectCall, expectPassedOn, table, each, cases },
+  lines,
+  failures,
+  codes,
+  thrownBy,
+  place,
+  descriptors,
+  sandbox,
+  prepare,
+  withoutTemporary,
+  attempt,
+  expectOutcome,
+  expectCall,
+  expectPassedOn,
+  assertTree,
+  identityOf,
+  checkOpened,
+  table,
+  expectProgram,
 };

@@ -1,0 +1,117 @@
+'use strict';
+
+const assert = require('node:assert/strict');
+const fs = require('node:fs');
+const { expectCall, expectOutcome, thrownBy } = require('../support/harness.js');
+const { FILES, OLD, TREE, withMode } = require('../support/layouts.js');
+const tarvek = require('../support/tarvek.js');
+
+function checkCaptured(records, _, leaf) {
+  const [f, g] = Object.entries(FILES).map(([name, body]) => {
+    return { path: `${leaf}/${name}`, type: 'file', mode: 0o644, body };
+  });
+  const [top, inner] = [leaf, `${leaf}/s`].map((path) => {
+    return { path, type: 'directory', mode: 0o755 };
+  });
+  assert.deepEqual(records, [top, f, inner, g]);
+}
+
+// Inode numbers with gaps collide in the table of identities. Consecutive ones do not.
+const isKept = (_, i) => (i * i) % 101 < 10;
+
+module.exports = {
+  call: 'capture f',
+  takes: 'handle paths',
+  refuses: 'outside handle paths',
+  kinds: `
+    the call     a symlink  a hard link  special  a directory  a file  nothing  no parent
+    capture d/f  link       hardLink     special  -            -       missing  missing`,
+  inside: `
+    the call  a symlink  a hard link  special
+    capture d  link      hardLink     special`,
+  outcomes: `
+    duplicate  capture a a/.../f  capture f f`,
+  scenarios: {
+    'capture leaf': {
+      before: [TREE],
+      check: checkCaptured,
+      calls: `
+        walk      NEAR
+        hook      pre-effect leaf #NEAR                    ! NEAR/ close: outside
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW                       ! link: link; special: special; once mode identity names size times: replacedDirectory
+        openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf                                ! fails all: replacedDirectory
+        names2    NEAR/leaf
+        fstatat   NEAR/leaf f NOFOLLOW                     ! names: hardLink; smaller: less; larger: changed; negative: replacedFile; link: link; special: special; once mode smaller larger identity times: replacedFile
+        openat    NEAR/leaf f NONBLOCK|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf/f                              ! all: replacedFile
+        read      NEAR/leaf/f 3                            ! zero: changed
+        hook      capture-file-read NEAR/leaf/f 0          ! NEAR/ close: outside
+        fstat     NEAR/leaf/f                              ! all: changed
+        fstatat   NEAR/leaf f NOFOLLOW                     ! all: changed
+        close     NEAR/leaf/f
+        fstatat   NEAR/leaf s NOFOLLOW                     ! link: link; special: special; once mode identity names size times: replacedDirectory
+        openat    NEAR/leaf s DIRECTORY|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf/s                              ! fails all: replacedDirectory
+        names1    NEAR/leaf/s
+        fstatat   NEAR/leaf/s g NOFOLLOW                   ! names: hardLink; smaller: less; larger: changed; negative: replacedFile; link: link; special: special; once mode smaller larger identity times: replacedFile
+        openat    NEAR/leaf/s g NONBLOCK|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf/s/g                            ! all: replacedFile
+        read      NEAR/leaf/s/g 3                          ! zero: changed
+        hook      capture-file-read NEAR/leaf/s/g 0        ! NEAR/ close: outside
+        fstat     NEAR/leaf/s/g                            ! all: changed
+        fstatat   NEAR/leaf/s g NOFOLLOW                   ! all: changed
+        close     NEAR/leaf/s/g
+        hook      capture-directory-read NEAR/leaf/s 0     ! NEAR/ close: outside
+        fstat     NEAR/leaf/s                              ! all: changedDirectory
+        fstatat   NEAR/leaf s NOFOLLOW                     ! all: changedDirectory
+        close     NEAR/leaf/s
+        hook      capture-directory-read NEAR/leaf 0       ! NEAR/ close: outside
+        fstat     NEAR/leaf                                ! all: changedDirectory
+        fstatat   NEAR leaf NOFOLLOW                       ! all: changedDirectory
+        close     NEAR/leaf
+        prove     NEAR
+        close     NEAR`,
+    },
+  },
+  cases: [
+    [
+      'nine permission bits, and a body for files only',
+      { d: { directory: withMode(0o1775, {}), empty: '', file: withMode(0o4751, OLD) } },
+      ({ handle }) => {
+        const records = tarvek.capture(handle, [['d']]);
+        const texts = records.map((record) => Object.entries(record).join(' '));
+        assert.deepEqual(texts, [
+          `path,d type,directory mode,${0o755}`,
+          `path,d/directory type,directory mode,${0o775}`,
+          `path,d/empty type,file mode,${0o644} body,`,
+          `path,d/file type,file mode,${0o751} body,${OLD}`,
+        ]);
+      },
+    ],
+    [
+      'the order of the paths, with a directory twice',
+      { d: { e: {}, f: OLD }, e: {}, x: { 'y.txt': OLD } },
+      (ctx) => {
+        const paths = expectCall('-', ctx, 'capture x/y.txt e d e').map(({ path }) => path);
+        assert.deepEqual(paths, ['x/y.txt', 'e', 'd', 'd/e', 'd/f', 'e']);
+      },
+    ],
+    [
+      'any file that it meets twice among many',
+      { many: {} },
+      ({ handle, at }) => {
+        const names = Array.from({ length: 2000 }, (_, i) => `${i}`);
+        for (const name of names) fs.writeFileSync(at('many', name), '');
+        const kept = names.filter(isKept);
+        for (const name of names) if (!kept.includes(name)) fs.unlinkSync(at('many', name));
+        assert.equal(tarvek.capture(handle, [['many']]).length, 1 + kept.length);
+        for (const name of kept) {
+          const capture = () => tarvek.capture(handle, [['many'], ['many', name]]);
+          expectOutcome('duplicate', thrownBy(capture));
+        }
+      },
+    ],
+  ],
+};

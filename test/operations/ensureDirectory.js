@@ -1,0 +1,35 @@
+'use strict';
+
+const { TREE, fresh } = require('../support/layouts.js');
+
+module.exports = {
+  call: 'ensureDirectory f',
+  takes: 'handle segments',
+  refuses: 'outside segments closed handle',
+  kinds: `
+    the call             a symlink  a hard link  special  a directory  a file   nothing  no parent
+    ensureDirectory d/f  outside    outside      outside  -            outside  -        -`,
+  scenarios: {
+    'ensureDirectory leaf, nothing': {
+      after: [fresh({})],
+      makes: true,
+      calls: `
+        make      NEAR
+        hook      pre-effect leaf #NEAR        ! NEAR/ close: outside
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW = ENOENT  ! ENOENT: -
+        mkdirat   NEAR leaf 0700
+        fsync     NEAR
+        close     NEAR`,
+    },
+    'ensureDirectory leaf, a directory': {
+      before: [TREE],
+      calls: `
+        make      NEAR
+        hook      pre-effect leaf #NEAR  ! NEAR/ close: outside
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW     ! ENOENT: storage; type: outside
+        close     NEAR`,
+    },
+  },
+};

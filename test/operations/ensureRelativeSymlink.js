@@ -1,0 +1,59 @@
+'use strict';
+
+const { TREE, symlink } = require('../support/layouts.js');
+
+module.exports = {
+  call: 'ensureRelativeSymlink f g',
+  takes: 'handle segments segments',
+  refuses: 'outside handle segments',
+  kinds: `
+    the call                        a symlink  a hard link  special  a directory  a file   nothing  no parent
+    ensureRelativeSymlink free d/f  outside    outside      outside  -            outside  missing  missing
+    ensureRelativeSymlink d/f tree  entry      entry        entry    entry        entry    -        -`,
+  // The symlinks l/2 to l/7 lead to a in another way or lead elsewhere.
+  outcomes: `
+    -        ensureRelativeSymlink l/0 a  ensureRelativeSymlink l/1 l/d
+    entry    ensureRelativeSymlink l/2 a  ensureRelativeSymlink l/3 a  ensureRelativeSymlink l/4 a
+    entry    ensureRelativeSymlink l/5 a  ensureRelativeSymlink l/6 a  ensureRelativeSymlink l/7 a
+    entry    ensureRelativeSymlink l/8 l/d  ensureRelativeSymlink l/0 l/d
+    missing  ensureRelativeSymlink never/x nothing
+    outside  ensureRelativeSymlink never/x f`,
+  scenarios: {
+    'ensureRelativeSymlink other leaf': {
+      before: [TREE],
+      after: (link) => [TREE, symlink(link)],
+      result: true,
+      makes: true,
+      calls: `
+        walk      NEAR
+        hook      pre-effect leaf #NEAR        ! NEAR/ close: outside
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW           ! type: outside
+        close     NEAR
+        make      FAR
+        hook      pre-effect other #FAR        ! FAR/ close: outside
+        prove     FAR
+        fstatat   FAR other NOFOLLOW = ENOENT  ! ENOENT: -
+        prove     FAR
+        symlinkat LINK FAR other               ! EEXIST: entry
+        fsync     FAR
+        close     FAR`,
+    },
+    'ensureRelativeSymlink other leaf, itself': {
+      before: (link) => [TREE, symlink(link)],
+      result: false,
+      calls: `
+        walk      NEAR
+        hook      pre-effect leaf #NEAR  ! NEAR/ close: outside
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW     ! type: outside
+        close     NEAR
+        make      FAR
+        hook      pre-effect other #FAR  ! FAR/ close: outside
+        prove     FAR
+        fstatat   FAR other NOFOLLOW     ! ENOENT: -; special: entry
+        readlinkat FAR other SIZE        ! fails short zero: entry
+        close     FAR`,
+    },
+  },
+};

@@ -1,0 +1,61 @@
+'use strict';
+
+const { OLD } = require('../support/layouts.js');
+
+module.exports = {
+  call: 'remove f',
+  takes: 'handle segments',
+  refuses: 'outside segments closed handle',
+  kinds: `
+    the call    a symlink  a hard link  special  a directory  a file  nothing  no parent
+    remove d/f  outside    outside      -        -            -       missing  missing`,
+  inside: `
+    the call  a symlink  a hard link  special
+    remove d  outside    outside      -`,
+  scenarios: {
+    'remove leaf, a file': {
+      before: [OLD],
+      after: [],
+      calls: `
+        walk      NEAR
+        hook      pre-effect leaf #NEAR  ! NEAR/ close: outside
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW     ! links link: outside
+        unlinkat  NEAR leaf 0
+        fsync     NEAR
+        close     NEAR`,
+    },
+    'remove leaf, a directory': {
+      before: [{ s: { g: 'two' } }],
+      after: [],
+      calls: `
+        walk      NEAR
+        hook      pre-effect leaf #NEAR                   ! NEAR/ close: outside
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW                      ! link: outside; special: storage
+        openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
+        dup       NEAR/leaf                               ! fails: storage
+        fdopendir NEAR/leaf
+        readdir   NEAR/leaf
+        fstatat   NEAR/leaf s NOFOLLOW                    ! link: outside; special: storage
+        openat    NEAR/leaf s DIRECTORY|NOFOLLOW|CLOEXEC
+        dup       NEAR/leaf/s                             ! fails: storage
+        fdopendir NEAR/leaf/s
+        readdir   NEAR/leaf/s
+        fstatat   NEAR/leaf/s g NOFOLLOW                  ! links link: outside
+        unlinkat  NEAR/leaf/s g 0
+        readdir   NEAR/leaf/s
+        closedir  NEAR/leaf/s
+        fsync     NEAR/leaf/s
+        unlinkat  NEAR/leaf s REMOVEDIR
+        close     NEAR/leaf/s (deleted)
+        readdir   NEAR/leaf
+        closedir  NEAR/leaf
+        fsync     NEAR/leaf
+        unlinkat  NEAR leaf REMOVEDIR
+        close     NEAR/leaf (deleted)
+        fsync     NEAR
+        close     NEAR`,
+    },
+  },
+};

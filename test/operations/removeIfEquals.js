@@ -1,0 +1,51 @@
+'use strict';
+
+const { expectProgram } = require('../support/harness.js');
+const { OLD } = require('../support/layouts.js');
+
+module.exports = {
+  call: 'removeIfEquals f OLD',
+  takes: 'handle segments body',
+  refuses: 'storage handle segments body',
+  kinds: `
+    the call                a symlink  a hard link  special  a directory  a file  nothing  no parent
+    removeIfEquals d/f OLD  outside    outside      outside  outside      -       missing  missing`,
+  scenarios: {
+    'removeIfEquals leaf OLD': {
+      before: [OLD],
+      after: [],
+      calls: `
+        walk      NEAR                                 ! bytes: storage
+        hook      pre-effect leaf #NEAR                ! NEAR/ close: outside; bytes: storage
+        prove     NEAR
+        fstatat   NEAR leaf NOFOLLOW                   ! type names: outside; size: removal; once mode identity times: removal
+        hook      remove-if-equals-open leaf #NEAR     ! NEAR/ close: outside; bytes: storage
+        openat    NEAR leaf NONBLOCK|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf                            ! fails all: removal
+        pread     NEAR/leaf 19 0                       ! fails zero: removal
+        pread     NEAR/leaf 1 19                       ! fails: removal
+        fstat     NEAR/leaf                            ! fails all: removal
+        hook      remove-if-equals-unlink leaf #NEAR   ! NEAR/ close: outside
+        fstatat   NEAR leaf NOFOLLOW                   ! fails all: removal
+        prove     NEAR
+        unlinkat  NEAR leaf 0
+        fsync     NEAR
+        close     NEAR/leaf (deleted)
+        close     NEAR`,
+    },
+  },
+  cases: [
+    [
+      'a FIFO with a reader, put in place before the open, is refused',
+      {},
+      () =>
+        expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', true, 'removal'),
+    ],
+    [
+      'a FIFO without a reader, put in place before the open, is refused',
+      {},
+      () =>
+        expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', false, 'removal'),
+    ],
+  ],
+};

@@ -1,0 +1,109 @@
+'use strict';
+
+const assert = require('node:assert/strict');
+const fs = require('node:fs');
+const { expectPassedOn, thrownBy } = require('../support/harness.js');
+const { FILES, TREE } = require('../support/layouts.js');
+const tarvek = require('../support/tarvek.js');
+
+const LAYOUT = { d: { e: { e: {} }, s: { a: 's/a' } } };
+const KEYS = ['10', '9', '__proto__', 'constructor', 's/a', 't', 'ｚ', '😀'];
+
+// Takes a snapshot of d while Object.create is this function.
+function snapshotWith(replacement, { handle }) {
+  const { create } = Object;
+  try {
+    Object.create = replacement;
+    return tarvek.snapshot(handle, ['d']);
+  } finally {
+    Object.create = create;
+  }
+}
+
+module.exports = {
+  call: 'snapshot f',
+  takes: 'handle segments',
+  refuses: 'outside segments closed handle',
+  kinds: `
+    the call      a symlink  a hard link  special  a directory  a file   nothing  no parent
+    snapshot d/f  outside    outside      outside  -            outside  missing  missing`,
+  inside: `
+    the call  a symlink  a hard link  special
+    snapshot d  outside   outside     outside`,
+  scenarios: {
+    'snapshot leaf': {
+      before: [TREE],
+      result: Object.assign(Object.create(null), FILES),
+      calls: `
+        walk      NEAR
+        hook      pre-effect leaf #NEAR                    ! NEAR/ close: outside
+        prove     NEAR
+        openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf                                ! fails link: outside; once identity: outside; once link: -
+        fstatat   NEAR leaf NOFOLLOW                       ! fails link identity: outside
+        names2    NEAR/leaf
+        fstatat   NEAR/leaf f NOFOLLOW                     ! links type: outside; smaller: less; negative: storage; once identity: outside; once smaller negative: -
+        openat    NEAR/leaf f NONBLOCK|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf/f                              ! fails identity: outside; smaller: less; negative: storage
+        read      NEAR/leaf/f 3                            ! zero: less
+        close     NEAR/leaf/f
+        fstatat   NEAR/leaf s NOFOLLOW                     ! type: outside; once identity: outside
+        openat    NEAR/leaf s DIRECTORY|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf/s                              ! fails identity: outside
+        names1    NEAR/leaf/s
+        fstatat   NEAR/leaf/s g NOFOLLOW                   ! links type: outside; smaller: less; negative: storage; once identity: outside; once smaller negative: -
+        openat    NEAR/leaf/s g NONBLOCK|NOFOLLOW|CLOEXEC
+        fstat     NEAR/leaf/s/g                            ! fails identity: outside; smaller: less; negative: storage
+        read      NEAR/leaf/s/g 3                          ! zero: less
+        close     NEAR/leaf/s/g
+        close     NEAR/leaf/s
+        close     NEAR/leaf
+        close     NEAR`,
+    },
+  },
+  cases: [
+    [
+      'a key for every file, in the order of bytes, on what Object.create returns',
+      LAYOUT,
+      (ctx) => {
+        for (const key of KEYS) fs.writeFileSync(ctx.at('d', key), key);
+        const order = [];
+        const made = new Proxy(Object.create(null), {
+          defineProperty(target, key, descriptor) {
+            order.push(key);
+            return Reflect.defineProperty(target, key, descriptor);
+          },
+        });
+        const calls = [];
+        const replacement = function (...args) {
+          calls.push([this, args]);
+          return made;
+        };
+        assert.equal(snapshotWith(replacement, ctx), made);
+        assert.deepEqual(calls, [[Object, [null]]]);
+        assert.deepEqual(order, KEYS);
+        for (const key of KEYS) assert.equal(String(made[key]), key);
+      },
+    ],
+    [
+      'what Object.create throws is passed on',
+      LAYOUT,
+      (ctx) => expectPassedOn((thrower) => thrownBy(() => snapshotWith(thrower, ctx))),
+    ],
+    [
+      'what a setter throws is passed on, with files left to set',
+      { d: { y: '', z: '' } },
+      (ctx) => {
+        expectPassedOn((thrower) => {
+          const made = new Proxy({}, { defineProperty: thrower, set: thrower });
+          return thrownBy(() => snapshotWith(() => made, ctx));
+        });
+      },
+    ],
+    [
+      'undefined without Object.create',
+      LAYOUT,
+      (ctx) => assert.equal(snapshotWith(undefined, ctx), undefined),
+    ],
+  ],
+};

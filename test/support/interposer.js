@@ -1,0 +1,141 @@
+'use strict';
+
+// Calls the module with test/interpose/faults.c between it and libc. A test file that requires this
+// one restarts in a child process that preloads the library. The parent only passes on the exit
+// status.
+
+const assert = require('node:assert/strict');
+const { execFileSync, spawnSync } = require('node:child_process');
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
+const { getSystemErrorName } = require('node:util');
+const { descriptors, place, prepare, sandbox, thrownBy } = require('./harness.js');
+const { treeOf } = require('./layouts.js');
+const tarvek = require('./tarvek.js');
+
+const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
+
+const CACHE = path.join(__dirname, '../../build/Release/CMakeCache.txt');
+// Lazy binding: child processes other than Node load the library too, and have no Node-API.
+const OPTIONS = '-std=c11 -O1 -Wall -Wextra -Werror -shared -fPIC -Wl,-z,lazy -x c'.split(' ');
+
+// Compiles the library and runs the test file again with it. Compiling takes 0.1 s. The compiler is
+// the one that built the module, because it compiles C too.
+function restartPreloaded() {
+  const cache = fs.readFileSync(CACHE, 'utf8');
+  const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(cache);
+  // LD_PRELOAD splits its value at spaces and colons.
+  const directory = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
+  const preloaded = path.join(directory, 'faults.so');
+  const source = path.join(__dirname, '../interpose/faults.c');
+  execFileSync(compiler, [...OPTIONS, source, '-ldl', '-o', preloaded]);
+  const env = {
+    ...process.env,
+    TARVEK_TEST_PRELOADED: preloaded,
+    // Before a sanitizer's runtime: otherwise that makes the calls, and only the module's count.
+    LD_PRELOAD: `${preloaded}:${LD_PRELOAD}`,
+    ASAN_OPTIONS: `${ASAN_OPTIONS}:verify_asan_link_order=0`,
+  };
+  const args = [...process.execArgv, ...process.argv.slice(1)];
+  const run = spawnSync(process.execPath, args, { stdio: 'inherit', env });
+  fs.rmSync(directory, { recursive: true });
+  if (run.signal) console.error(`tarvek: the process under test ended by ${run.signal}`);
+  process.exit(run.status ?? 1);
+}
+if (!TARVEK_TEST_PRELOADED) restartPreloaded();
+
+// The two texts of faults.c, each of which ends with a zero.
+const shared = { exports: {} };
+process.dlopen(shared, TARVEK_TEST_PRELOADED);
+const PLAN_SIZE = 64;
+const planText = Buffer.from(shared.exports, 0, PLAN_SIZE);
+const record = Buffer.from(shared.exports, PLAN_SIZE);
+
+function setPlan(words) {
+  const text = words.join(' ');
+  planText.write(`${text}\0`);
+}
+
+// Writes a hook point or a stage into the record, between the system calls.
+function note(...words) {
+  const text = words.join('\t');
+  record.write(`${text}\t0\n\0`, record.indexOf(0));
+}
+
+// The line for a call in a listing. Undefined for calls that the listings leave out: those of
+// openRoot above the root, because the number of directories there varies, and each readdir that
+// returns "." or "..", because their position depends on the file system.
+const isAbove = (at) => at.startsWith('/') && place.base.startsWith(at);
+const isBelow = (at) => at === place.base || at.startsWith(place.root);
+function lineOf(name, args, error) {
+  const [first, second, third] = args;
+  const words = args.map((arg) => (isBelow(arg) ? path.relative(place.root, arg) || '.' : arg));
+  if (first === 'root-ancestor-open') {
+    words[2] = third - place.depth;
+    if (words[2] < -1) return undefined;
+  }
+  if (name === 'readdir' && second) return undefined;
+  const isOnSlash = first === '/' && !name.endsWith('at') && name !== 'fstat';
+  if (isAbove(first) && second !== 'root' && !isOnSlash) return undefined;
+  if (error) words.push('=', error);
+  return [name, ...words].map((word) => (word === '' ? '""' : word)).join(' ');
+}
+
+// The recorded system calls, hooks and stages, in order. `nth` numbers the system calls only.
+function recordedCalls() {
+  const text = record
+    .toString('utf8', 0, record.indexOf(0))
+    .replace(/\.tarvek-\d+-\d+-[0-9a-f]{32}/g, '.tarvek-*')
+    // Older C libraries have __fxstat in place of fstat.
+    .replaceAll('__fx', 'f');
+  let count = 0;
+  return text
+    .split('\n')
+    .slice(0, -1)
+    .map((line) => {
+      const [name, ...args] = line.split('\t');
+      const code = Number(args.pop());
+      const error = code > 0 ? getSystemErrorName(-code) : undefined;
+      const isCall = name !== 'hook' && name !== 'stage';
+      if (isCall) count += 1;
+      return { nth: isCall ? count : undefined, name, error, text: lineOf(name, args, error) };
+    });
+}
+
+// If fdopendir failed, the module has left the duplicate open, as its interface requires.
+function closeLeftDuplicate(before) {
+  const left = descriptors().filter((entry) => !before.includes(entry));
+  assert.equal(left.length, 1, 'the duplicate is left open');
+  fs.closeSync(parseInt(left[0], 10));
+}
+
+// What goes wrong in no call.
+const NOTHING = { first: 0, action: 'nothing' };
+
+// Makes the scenario's call. The plan makes `count` system calls go wrong, from number `first`, which
+// is a `name`, on. By its `action` they fail with `error` (all but the first with `then`), move fewer
+// bytes ("short", or "cut" if the later ones fail with `then`), return 0 with errno set to `error`
+// ("zero"), or report another value in `field` ("alter"). Passes the outcome, the calls, and the
+// trees before and after to `verify`.
+function run(scenario, plan, verify) {
+  const { name, action, first, count = 1, error, then = error, field = '' } = plan;
+  sandbox(scenario.before, (ctx) => {
+    const before = treeOf(ctx.root);
+    const errors = [error, then].map((one) => os.constants.errno[one] ?? 0);
+    ctx.stage = (stage) => note('stage', stage);
+    tarvek.setTestHook(({ point, segment, index }) => note('hook', point, segment, index));
+    const [operation, args] = prepare(ctx, scenario.call);
+    const open = name === 'fdopendir' ? descriptors() : [];
+    record[0] = 0;
+    setPlan([action, first, count, ...errors, field]);
+    const outcome = thrownBy(() => tarvek[operation](...args));
+    setPlan([]);
+    tarvek.setTestHook();
+    const calls = recordedCalls();
+    if (name === 'fdopendir') closeLeftDuplicate(open);
+    verify({ ctx, outcome, calls, before, after: treeOf(ctx.root) });
+  });
+}
+
+module.exports = { NOTHING, run };

@@ -1,0 +1,155 @@
+'use strict';
+
+// The rows that hold for every entry of the package, made from the files of test/operations/. A row
+// is an array: its name, the layout on which it starts, and the rest.
+
+const assert = require('node:assert/strict');
+const path = require('node:path');
+const { lines, place } = require('./harness.js');
+const { OLD, fifo, fresh, hardlink, nest, socket, symlink } = require('./layouts.js');
+const { expand, parse } = require('./listings.js');
+const { operations } = require('./operations.js');
+
+const fromEach = (toRows) => [...operations.values()].flatMap((operation) => toRows(operation));
+
+// The hook points and stages in a listing. A hook point is { point, segment, index }, a stage is
+// { point }. Both have the notes of their line.
+function hooksIn(listing) {
+  const marked = listing.filter(({ text }) => /^(hook|stage) /.test(text));
+  return marked.map(({ text, notes }) => {
+    const [kind, point, segment, index] = text.split(' ');
+    if (kind === 'stage') return { event: { point }, notes };
+    const above = point === 'root-ancestor-open' ? place.depth : 0;
+    const name = segment === '""' ? '' : segment;
+    return { event: { point, segment: name, index: Number(index) + above }, notes };
+  });
+}
+
+// A successful call. `near` and `far` are the names of the directories above its leaf and above its
+// other path.
+function makeScenario(row, { before = [], after = before, ...definition }, near, far, isMissing) {
+  const [words, what] = row.split(', ');
+  const leaf = [...near, 'leaf'].join('/');
+  const other = [...far, 'other'].join('/');
+  const hasOther = words.includes('other');
+  const call = words.replaceAll('leaf', leaf).replaceAll('other', other);
+  const link = path.relative(path.join('/', ...far), path.join('/', leaf));
+  // Only the parent directories of the last path can be missing.
+  const layout = (contents, hasParents, wrap) => {
+    const [first, second] = typeof contents === 'function' ? contents(link) : contents;
+    const last = hasOther ? nest(far, { other: second }, wrap) : nest(near, { leaf: first }, wrap);
+    const rest = hasOther ? nest(near, { leaf: first }) : {};
+    return hasParents ? { ...rest, ...last } : rest;
+  };
+  const text = isMissing ? definition.calls.replace(/^( *)make/gm, '$1made') : definition.calls;
+  const folded = parse(text);
+  const listing = expand(folded, {
+    NEAR: near.join('/') || '.',
+    FAR: far.join('/') || '.',
+    '#NEAR': near.length,
+    '#FAR': far.length,
+    LINK: link,
+    SIZE: link.length + 1,
+  });
+  return {
+    name: [call, what, isMissing ? 'parents missing' : undefined].filter(Boolean).join(', '),
+    operation: words.split(' ')[0],
+    call,
+    leaf,
+    other: hasOther ? other : undefined,
+    isNested: near.length > 0,
+    mutates: after !== before,
+    before: layout(before, !isMissing),
+    after: layout(after, true, isMissing ? fresh : undefined),
+    check(result, ctx) {
+      if (definition.check) definition.check(result, ctx, leaf);
+      else assert.deepEqual(result, definition.result);
+    },
+    listing,
+    hooks: hooksIn(listing),
+  };
+}
+
+const NEAR = ['a', 'b', 'c'];
+const FAR = ['d', 'e'];
+
+// Every scenario on entries in the root and in directories below it, with and without these.
+const scenarios = fromEach(({ scenarios: rows = {} }) =>
+  Object.entries(rows).flatMap(([row, definition]) => {
+    const variants = [makeScenario(row, definition, [], [], false)];
+    if (!definition.inRootOnly) variants.push(makeScenario(row, definition, NEAR, FAR, false));
+    if (definition.makes) variants.push(makeScenario(row, definition, NEAR, FAR, true));
+    return variants;
+  }),
+);
+
+const KINDS = {
+  'a symlink': [symlink('file'), symlink('tree'), symlink('nowhere')],
+  'a hard link': [hardlink('twin')],
+  special: [fifo(), socket()],
+  'a directory': [{ g: '' }],
+  'a file': [OLD],
+  nothing: [undefined],
+};
+const AROUND = { file: OLD, tree: { f: OLD }, twin: OLD };
+
+// Calls on an entry of each kind at the leaf d/f, and above it, at d: [name, layout, call, outcome].
+const kinds = fromEach(({ kinds: text = '' }) => {
+  const [[, ...heads], ...rows] = lines(text);
+  return rows.flatMap(([call, ...cells]) =>
+    heads.slice(0, -1).flatMap((kind, column) => {
+      const [nothing, noParent] = cells.slice(-2);
+      const above = { nothing: noParent, 'a directory': nothing }[kind] ?? 'outside';
+      return KINDS[kind].flatMap((entry, i) => [
+        [
+          `${call}, d/f is ${kind} ${i}`,
+          { ...AROUND, d: { ...AROUND, f: entry } },
+          call,
+          cells[column],
+        ],
+        [`${call}, d is ${kind} ${i}`, { ...AROUND, d: entry }, call, above],
+      ]);
+    }),
+  );
+});
+
+const BURIED = {
+  'a symlink': [symlink('../../f'), symlink('x')],
+  'a hard link': [hardlink('../../f')],
+  special: [fifo(), socket()],
+};
+
+// Calls on a directory d with such an entry at d/s/x.
+const buried = fromEach(({ inside: text = '' }) => {
+  const [[, ...heads], ...rows] = lines(text);
+  return rows.flatMap(([call, ...cells]) =>
+    heads.flatMap((kind, column) =>
+      BURIED[kind].map((x, i) => [
+        `${call}, d/s/x is ${kind} ${i}`,
+        { f: OLD, d: { s: { x } } },
+        call,
+        cells[column],
+      ]),
+    ),
+  );
+});
+
+// The symlinks l/0, l/1 and so on: l/0 is the right one for the target a, and l/1 for l/d.
+const TEXTS = ['../a', '../l/d', 'a', './../a', '../a/', '../A', '../ax', '../../a', 'd'];
+const ENTRIES = {
+  a: { '...': { f: OLD } },
+  ünï: {},
+  'b\\': '',
+  f: OLD,
+  twin: OLD,
+  l: { ...TEXTS.map(symlink), d: {} },
+};
+
+// Calls with arguments that fit or do not fit the disk or each other: [name, layout, call, outcome].
+const fitting = fromEach(({ outcomes: text = '' }) =>
+  lines(text).flatMap(([expected, ...calls]) =>
+    calls.map((call) => [`${call}, ${expected}`, ENTRIES, call, expected]),
+  ),
+);
+
+module.exports = { scenarios, kinds, buried, fitting };
