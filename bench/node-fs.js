@@ -78,8 +78,9 @@ module.exports = {
   create: (root, names, body) =>
     fs.writeFileSync(place(root, names), body, { flag: 'wx', mode: 0o600 }),
   append: (root, names, _, __, body) => fs.appendFileSync(place(root, names), body),
-  ensureDirectory: (root, names) =>
-    void fs.mkdirSync(place(root, names), { recursive: true, mode: 0o700 }),
+  ensureDirectory: (root, names) => {
+    fs.mkdirSync(place(root, names), { recursive: true, mode: 0o700 });
+  },
   ensureRelativeSymlink,
   remove: (root, names) => fs.rmSync(place(root, names), { recursive: true }),
   removeIfEquals,

@@ -202,17 +202,17 @@ table('everything that a listing changes is flushed in time', rowsOf(changing), 
 const IN_A_ROW = lines(`
   read leaf                               read      fail  20  EINTR   EINTR   -
   removeIfEquals leaf OLD                 pread     fail  20  EINTR   EINTR   -
-  write leaf NEW, a file                  write     fail  20  EINTR   EINTR   -
+  write leaf NEW, nothing                 write     fail  20  EINTR   EINTR   -
   append leaf 19 4 NEW, a file            write     fail  20  EINTR   EINTR   -
   append leaf 19 4 NEW, a file            openat    fail  7   ENOENT  EINTR   -
   append leaf 19 4 NEW, a file            openat    fail  8   ENOENT  EINTR   storage
   append leaf 19 4 NEW, a file            openat    fail  8   EINTR   ENOENT  missing
-  write leaf NEW, a file                  write     fail  99  ENOSPC  ENOENT  missing
-  write leaf NEW, a file                  fsync     fail  99  EIO     ELOOP   outside
-  write leaf NEW, a file                  renameat  fail  99  EACCES  ENOENT  storage
-  write leaf NEW, a file                  renameat  fail  99  ENOENT  EIO     missing
+  write leaf NEW, nothing                 write     fail  99  ENOSPC  ENOENT  missing
+  write leaf NEW, nothing                 fsync     fail  99  EIO     ELOOP   outside
+  write leaf NEW, nothing                 renameat  fail  99  EACCES  ENOENT  storage
+  write leaf NEW, nothing                 renameat  fail  99  ENOENT  EIO     missing
   publishVerified fd:leaf leaf other OLD  unlinkat  fail  99  EIO     ENOENT  storage
-  write leaf NEW, a file                  write     cut   2   EIO     EIO     storage
+  write leaf NEW, nothing                 write     cut   2   EIO     EIO     storage
   read leaf                               read      cut   2   EIO     EIO     storage
   capture leaf                            read      cut   2   EIO     EIO     storage
   snapshot leaf                           read      cut   2   EIO     ENOENT  missing`);

@@ -14,7 +14,7 @@ const { assertTree, attempt, expectCall, expectPassedOn } = require('./support/h
 const { prepare, sandbox, table } = require('./support/harness.js');
 const { OLD, build } = require('./support/layouts.js');
 const { operations } = require('./support/operations.js');
-const { buried, fitting, kinds, scenarios } = require('./support/rows.js');
+const { fitting, kinds, scenarios } = require('./support/rows.js');
 const tarvek = require('./support/tarvek.js');
 
 const TYPES = fs.readFileSync(path.join(__dirname, '../index.d.ts'), 'utf8');
@@ -30,7 +30,7 @@ test('each function has its types, and tests in test/operations/', () => {
     const file = operations.get(name);
     if (!file) lacking.push(`test/operations/${name}.js ${HELP}`);
     const parts = [];
-    if (!file?.cases) parts.push('call');
+    if (!file?.special) parts.push('call');
     if (file?.call) parts.push('takes', 'refuses');
     if (/segments|paths/.test(file?.takes)) parts.push('kinds', 'scenarios');
     for (const part of parts)
@@ -41,7 +41,7 @@ test('each function has its types, and tests in test/operations/', () => {
 
 const rowOf = (scenario) => [scenario.name, scenario];
 
-table('it succeeds, even if its hook calls the module', scenarios.map(rowOf), (scenario) => {
+table('each operation succeeds, even if its hook calls the module', scenarios.map(rowOf), (scenario) => {
   sandbox(scenario.before, (ctx) => {
     let isInside = false;
     const hook = () => {
@@ -56,10 +56,12 @@ table('it succeeds, even if its hook calls the module', scenarios.map(rowOf), (s
   });
 });
 
-const cases = [...operations].flatMap(([name, operation]) =>
-  (operation.cases ?? []).map(([what, ...rest]) => [`${name}, ${what}`, ...rest]),
+const special = [...operations].flatMap(([name, operation]) =>
+  Object.entries(operation.special ?? {}).map(([what, body]) => {
+    return [`${name}, ${what}`, operation.layout ?? {}, body];
+  }),
 );
-table('it does what is special about it', cases, sandbox);
+table('an operation does what is special about it', special, sandbox);
 
 // After an outcome, the directory `made` exists only if the call names it, and `never` does not.
 function expectRow(layout, call, expected) {
@@ -71,7 +73,6 @@ function expectRow(layout, call, expected) {
   });
 }
 table('a wrong kind of entry at the leaf or above it is refused', kinds, expectRow);
-table('a wrong kind of entry inside a tree is refused', buried, expectRow);
 table('arguments that do not fit the disk or each other are refused', fitting, expectRow);
 
 table('a bad argument is refused before any hook or change', wrongCalls, (layout, words, wrong) => {

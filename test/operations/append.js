@@ -32,6 +32,21 @@ function checkReturned(ctx, count, value) {
   assert.equal(fired.at(-1), count === 0 ? 'append-write' : 'append-directory-fsync');
 }
 
+const special = {};
+for (const [count, values] of RETURNED) {
+  for (const value of values) {
+    const title = `${count} bytes of five if its hook returns ${inspect(value)}`;
+    special[title] = (ctx) => checkReturned(ctx, count, value);
+  }
+}
+for (const [title, hasReader, expected] of [
+  ['a FIFO with a reader, put in place before the open, is refused', true, 'outside'],
+  ['a FIFO without a reader, put in place before the open, fails at once', false, 'storage'],
+]) {
+  special[title] = () =>
+    expectProgram('fifo.js', 'append f 0 0 NEW', 'append-leaf-open', hasReader, expected);
+}
+
 module.exports = {
   call: 'append f 0 0 NEW',
   takes: 'handle segments size size body',
@@ -84,23 +99,6 @@ module.exports = {
         close     NEAR`,
     },
   },
-  cases: [
-    ...RETURNED.flatMap(([count, values]) =>
-      values.map((value) => [
-        `${count} bytes of five if its hook returns ${inspect(value)}`,
-        { f: OLD },
-        (ctx) => checkReturned(ctx, count, value),
-      ]),
-    ),
-    [
-      'a FIFO with a reader, put in place before the open, is refused',
-      {},
-      () => expectProgram('fifo.js', 'append f 0 0 NEW', 'append-leaf-open', true, 'outside'),
-    ],
-    [
-      'a FIFO without a reader, put in place before the open, fails at once',
-      {},
-      () => expectProgram('fifo.js', 'append f 0 0 NEW', 'append-leaf-open', false, 'storage'),
-    ],
-  ],
+  layout: { f: OLD },
+  special,
 };

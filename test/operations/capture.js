@@ -26,9 +26,6 @@ module.exports = {
   kinds: `
     the call     a symlink  a hard link  special  a directory  a file  nothing  no parent
     capture d/f  link       hardLink     special  -            -       missing  missing`,
-  inside: `
-    the call  a symlink  a hard link  special
-    capture d  link      hardLink     special`,
   outcomes: `
     duplicate  capture a a/.../f  capture f f`,
   scenarios: {
@@ -75,43 +72,36 @@ module.exports = {
         close     NEAR`,
     },
   },
-  cases: [
-    [
-      'nine permission bits, and a body for files only',
-      { d: { directory: withMode(0o1775, {}), empty: '', file: withMode(0o4751, OLD) } },
-      ({ handle }) => {
-        const records = tarvek.capture(handle, [['d']]);
-        const texts = records.map((record) => Object.entries(record).join(' '));
-        assert.deepEqual(texts, [
-          `path,d type,directory mode,${0o755}`,
-          `path,d/directory type,directory mode,${0o775}`,
-          `path,d/empty type,file mode,${0o644} body,`,
-          `path,d/file type,file mode,${0o751} body,${OLD}`,
-        ]);
-      },
-    ],
-    [
-      'the order of the paths, with a directory twice',
-      { d: { e: {}, f: OLD }, e: {}, x: { 'y.txt': OLD } },
-      (ctx) => {
-        const paths = expectCall('-', ctx, 'capture x/y.txt e d e').map(({ path }) => path);
-        assert.deepEqual(paths, ['x/y.txt', 'e', 'd', 'd/e', 'd/f', 'e']);
-      },
-    ],
-    [
-      'any file that it meets twice among many',
-      { many: {} },
-      ({ handle, at }) => {
-        const names = Array.from({ length: 2000 }, (_, i) => `${i}`);
-        for (const name of names) fs.writeFileSync(at('many', name), '');
-        const kept = names.filter(isKept);
-        for (const name of names) if (!kept.includes(name)) fs.unlinkSync(at('many', name));
-        assert.equal(tarvek.capture(handle, [['many']]).length, 1 + kept.length);
-        for (const name of kept) {
-          const capture = () => tarvek.capture(handle, [['many'], ['many', name]]);
-          expectOutcome('duplicate', thrownBy(capture));
-        }
-      },
-    ],
-  ],
+  layout: {
+    d: { e: {}, f: OLD },
+    modes: { directory: withMode(0o1775, {}), empty: '', file: withMode(0o4751, OLD) },
+    many: {},
+  },
+  special: {
+    'nine permission bits, and a body for files only': ({ handle }) => {
+      const records = tarvek.capture(handle, [['modes']]);
+      const texts = records.map((record) => Object.entries(record).join(' '));
+      assert.deepEqual(texts, [
+        `path,modes type,directory mode,${0o755}`,
+        `path,modes/directory type,directory mode,${0o775}`,
+        `path,modes/empty type,file mode,${0o644} body,`,
+        `path,modes/file type,file mode,${0o751} body,${OLD}`,
+      ]);
+    },
+    'the order of the paths, with a directory twice': (ctx) => {
+      const paths = expectCall('-', ctx, 'capture many d many').map(({ path }) => path);
+      assert.deepEqual(paths, ['many', 'd', 'd/e', 'd/f', 'many']);
+    },
+    'any file that it meets twice among many': ({ handle, at }) => {
+      const names = Array.from({ length: 2000 }, (_, i) => `${i}`);
+      for (const name of names) fs.writeFileSync(at('many', name), '');
+      const kept = names.filter(isKept);
+      for (const name of names) if (!kept.includes(name)) fs.unlinkSync(at('many', name));
+      assert.equal(tarvek.capture(handle, [['many']]).length, 1 + kept.length);
+      for (const name of kept) {
+        const capture = () => tarvek.capture(handle, [['many'], ['many', name]]);
+        expectOutcome('duplicate', thrownBy(capture));
+      }
+    },
+  },
 };

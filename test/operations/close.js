@@ -9,18 +9,14 @@ module.exports = {
   call: 'close',
   takes: 'external',
   refuses: 'storage external',
-  cases: [
-    [
-      'a second close does not close a descriptor that took the same number',
-      {},
-      (ctx) => {
-        const handle = tarvek.openRoot(ctx.root);
-        assert.equal(tarvek.close(handle), undefined);
-        const reused = ctx.open(ctx.root);
-        assert.equal(tarvek.close(handle), undefined);
-        assert.equal(fs.fstatSync(reused).isDirectory(), true);
-        expectCall('closed', ctx, ['rootIdentity', [handle]]);
-      },
-    ],
-  ],
+  special: {
+    'a second close does not close a descriptor that took the same number': (ctx) => {
+      const handle = tarvek.openRoot(ctx.root);
+      assert.equal(tarvek.close(handle), undefined);
+      const reused = ctx.open(ctx.root);
+      assert.equal(tarvek.close(handle), undefined);
+      assert.equal(fs.fstatSync(reused).isDirectory(), true);
+      expectCall('closed', ctx, ['rootIdentity', [handle]]);
+    },
+  },
 };

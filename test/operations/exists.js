@@ -20,16 +20,6 @@ module.exports = {
         fstatat   NEAR leaf NOFOLLOW     ! ENOENT: false; links link: outside
         close     NEAR`,
     },
-    'exists leaf, a directory': {
-      before: [{}],
-      result: true,
-      calls: `
-        make      NEAR                   ! ENOENT: false
-        hook      pre-effect leaf #NEAR  ! NEAR/ close: outside
-        prove     NEAR
-        fstatat   NEAR leaf NOFOLLOW     ! ENOENT: false; link: outside
-        close     NEAR`,
-    },
     'exists leaf, nothing': {
       result: false,
       calls: `

@@ -9,9 +9,6 @@ module.exports = {
   kinds: `
     the call    a symlink  a hard link  special  a directory  a file  nothing  no parent
     remove d/f  outside    outside      -        -            -       missing  missing`,
-  inside: `
-    the call  a symlink  a hard link  special
-    remove d  outside    outside      -`,
   scenarios: {
     'remove leaf, a file': {
       before: [OLD],

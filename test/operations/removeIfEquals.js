@@ -34,18 +34,10 @@ module.exports = {
         close     NEAR`,
     },
   },
-  cases: [
-    [
-      'a FIFO with a reader, put in place before the open, is refused',
-      {},
-      () =>
-        expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', true, 'removal'),
-    ],
-    [
-      'a FIFO without a reader, put in place before the open, is refused',
-      {},
-      () =>
-        expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', false, 'removal'),
-    ],
-  ],
+  special: {
+    'a FIFO with a reader, put in place before the open, is refused': () =>
+      expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', true, 'removal'),
+    'a FIFO without a reader, put in place before the open, is refused': () =>
+      expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', false, 'removal'),
+  },
 };

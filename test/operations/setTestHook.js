@@ -5,8 +5,6 @@ const { thrownBy } = require('../support/harness.js');
 const { BYTES } = require('../support/layouts.js');
 const tarvek = require('../support/tarvek.js');
 
-const LAYOUT = { a: { b: {} } };
-
 // Fires the hook at a, b and c.
 const fire = ({ handle }) => tarvek.exists(handle, ['a', 'b', 'c']);
 
@@ -14,63 +12,48 @@ const REMOVING = [[], [undefined], [null]];
 const REFUSED = [[42], ['f'], [{}], [true], [Symbol('f')], [1n]];
 
 module.exports = {
-  cases: [
-    [
-      'the hook and the stage get one argument, and the global object as this',
-      LAYOUT,
-      (ctx) => {
-        const calls = [];
-        const callback = function (...args) {
-          calls.push([this === globalThis, JSON.stringify(args)]);
-        };
-        assert.equal(tarvek.setTestHook(callback, 'ignored'), undefined);
-        assert.equal(tarvek.write(ctx.handle, ['n'], BYTES.NEW, callback), undefined);
-        assert.deepEqual(calls.slice(0, 2), [
-          [true, '[{"point":"pre-effect","segment":"n","index":0}]'],
-          [true, '["after-temp-write"]'],
-        ]);
-      },
-    ],
-    [
-      'no argument, undefined and null remove the hook',
-      LAYOUT,
-      (ctx) => {
-        for (const args of REMOVING) {
-          tarvek.setTestHook(assert.fail);
-          assert.equal(tarvek.setTestHook(...args), undefined);
-          fire(ctx);
-        }
-      },
-    ],
-    [
-      'a refused argument removes the hook too',
-      LAYOUT,
-      (ctx) => {
-        for (const args of REFUSED) {
-          tarvek.setTestHook(assert.fail);
-          const { thrown } = thrownBy(() => tarvek.setTestHook(...args));
-          assert.equal(thrown?.code, 'FILESYSTEM_FAILURE');
-          fire(ctx);
-        }
-      },
-    ],
-    [
-      'the hook can be replaced and removed while it runs',
-      LAYOUT,
-      (ctx) => {
-        const fired = [];
-        const second = () => {
-          fired.push('second');
-          tarvek.setTestHook();
-        };
-        const first = () => {
-          fired.push('first');
-          tarvek.setTestHook(second);
-        };
-        tarvek.setTestHook(first);
+  layout: { a: { b: {} } },
+  special: {
+    'the hook and the stage get one argument, and the global object as this': (ctx) => {
+      const calls = [];
+      const callback = function (...args) {
+        calls.push([this === globalThis, JSON.stringify(args)]);
+      };
+      assert.equal(tarvek.setTestHook(callback, 'ignored'), undefined);
+      assert.equal(tarvek.write(ctx.handle, ['n'], BYTES.NEW, callback), undefined);
+      assert.deepEqual(calls.slice(0, 2), [
+        [true, '[{"point":"pre-effect","segment":"n","index":0}]'],
+        [true, '["after-temp-write"]'],
+      ]);
+    },
+    'no argument, undefined and null remove the hook': (ctx) => {
+      for (const args of REMOVING) {
+        tarvek.setTestHook(assert.fail);
+        assert.equal(tarvek.setTestHook(...args), undefined);
         fire(ctx);
-        assert.deepEqual(fired, ['first', 'second']);
-      },
-    ],
-  ],
+      }
+    },
+    'a refused argument removes the hook too': (ctx) => {
+      for (const args of REFUSED) {
+        tarvek.setTestHook(assert.fail);
+        const { thrown } = thrownBy(() => tarvek.setTestHook(...args));
+        assert.equal(thrown?.code, 'FILESYSTEM_FAILURE');
+        fire(ctx);
+      }
+    },
+    'the hook can be replaced and removed while it runs': (ctx) => {
+      const fired = [];
+      const second = () => {
+        fired.push('second');
+        tarvek.setTestHook();
+      };
+      const first = () => {
+        fired.push('first');
+        tarvek.setTestHook(second);
+      };
+      tarvek.setTestHook(first);
+      fire(ctx);
+      assert.deepEqual(fired, ['first', 'second']);
+    },
+  },
 };

@@ -33,24 +33,6 @@ module.exports = {
         fsync     NEAR
         close     NEAR`,
     },
-    'write leaf NEW, a file': {
-      before: [OLD],
-      after: [fresh(BYTES.NEW)],
-      calls: `
-        make      NEAR                                                    ! bytes: storage
-        hook      pre-effect leaf #NEAR                                   ! NEAR/ close: outside; bytes: storage
-        prove     NEAR
-        fstatat   NEAR leaf NOFOLLOW                                      ! ENOENT: -; links type: outside
-        getrandom 16 0
-        openat    NEAR .tarvek-* WRONLY|CREAT|EXCL|NOFOLLOW|CLOEXEC 0600
-        write     NEAR/.tarvek-* "the new bytes" 13                       ! zero: outside
-        fsync     NEAR/.tarvek-*
-        close     NEAR/.tarvek-*
-        prove     NEAR
-        renameat  NEAR .tarvek-* NEAR leaf
-        fsync     NEAR
-        close     NEAR`,
-    },
     'write leaf NEW stage, a file': {
       before: [OLD],
       after: [fresh(BYTES.NEW)],
@@ -75,25 +57,22 @@ module.exports = {
         close     NEAR`,
     },
   },
-  cases: [
-    [
-      'temporary names with consecutive numbers and random digits',
-      { d: {} },
-      (ctx) => {
-        const names = new Set();
-        const look = () => {
-          const [name] = fs.readdirSync(ctx.at('d'));
-          if (name?.startsWith('.')) names.add(name);
-        };
-        for (let i = 0; i < 3; ++i) expectCall('-', ctx, 'write d/f NEW stage', look);
-        const parts = Array.from(names, (name) => TEMPORARY.exec(name));
-        const [first] = parts;
-        const counts = parts.map(([, count]) => count - first[1]);
-        assert.deepEqual(counts, [0, 1, 2]);
-        const digits = new Set(parts.map(([, , random]) => random));
-        assert.equal(digits.size, 3);
-        assert.doesNotMatch(first[2], /^((.)\2)+$/);
-      },
-    ],
-  ],
+  layout: { d: {} },
+  special: {
+    'temporary names with consecutive numbers and random digits': (ctx) => {
+      const names = new Set();
+      const look = () => {
+        const [name] = fs.readdirSync(ctx.at('d'));
+        if (name?.startsWith('.')) names.add(name);
+      };
+      for (let i = 0; i < 3; ++i) expectCall('-', ctx, 'write d/f NEW stage', look);
+      const parts = Array.from(names, (name) => TEMPORARY.exec(name));
+      const [first] = parts;
+      const counts = parts.map(([, count]) => count - first[1]);
+      assert.deepEqual(counts, [0, 1, 2]);
+      const digits = new Set(parts.map(([, , random]) => random));
+      assert.equal(digits.size, 3);
+      assert.doesNotMatch(first[2], /^((.)\2)+$/);
+    },
+  },
 };

@@ -113,27 +113,6 @@ const kinds = fromEach(({ kinds: text = '' }) => {
   );
 });
 
-const BURIED = {
-  'a symlink': [symlink('../../f'), symlink('x')],
-  'a hard link': [hardlink('../../f')],
-  special: [fifo(), socket()],
-};
-
-// Calls on a directory d with such an entry at d/s/x.
-const buried = fromEach(({ inside: text = '' }) => {
-  const [[, ...heads], ...rows] = lines(text);
-  return rows.flatMap(([call, ...cells]) =>
-    heads.flatMap((kind, column) =>
-      BURIED[kind].map((x, i) => [
-        `${call}, d/s/x is ${kind} ${i}`,
-        { f: OLD, d: { s: { x } } },
-        call,
-        cells[column],
-      ]),
-    ),
-  );
-});
-
 // The symlinks l/0, l/1 and so on: l/0 is the right one for the target a, and l/1 for l/d.
 const TEXTS = ['../a', '../l/d', 'a', './../a', '../a/', '../A', '../ax', '../../a', 'd'];
 const ENTRIES = {
@@ -152,4 +131,4 @@ const fitting = fromEach(({ outcomes: text = '' }) =>
   ),
 );
 
-module.exports = { scenarios, kinds, buried, fitting };
+module.exports = { scenarios, kinds, fitting };
