@@ -41,20 +41,24 @@ test('each function has its types, and tests in test/operations/', () => {
 
 const rowOf = (scenario) => [scenario.name, scenario];
 
-table('each operation succeeds, even if its hook calls the module', scenarios.map(rowOf), (scenario) => {
-  sandbox(scenario.before, (ctx) => {
-    let isInside = false;
-    const hook = () => {
-      if (isInside) return;
-      isInside = true;
-      tarvek.close(tarvek.openRoot(ctx.root));
-      isInside = false;
-    };
-    const result = expectCall('-', ctx, scenario.call, hook);
-    scenario.check(result, ctx);
-    assertTree(scenario.after);
-  });
-});
+table(
+  'each operation succeeds, even if its hook calls the module',
+  scenarios.map(rowOf),
+  (scenario) => {
+    sandbox(scenario.before, (ctx) => {
+      let isInside = false;
+      const hook = () => {
+        if (isInside) return;
+        isInside = true;
+        tarvek.close(tarvek.openRoot(ctx.root));
+        isInside = false;
+      };
+      const result = expectCall('-', ctx, scenario.call, hook);
+      scenario.check(result, ctx);
+      assertTree(scenario.after);
+    });
+  },
+);
 
 const special = [...operations].flatMap(([name, operation]) =>
   Object.entries(operation.special ?? {}).map(([what, body]) => {

@@ -151,4 +151,34 @@ function fold(calls) {
   return folded;
 }
 
-module.exports = { FIELDS: FIELDS.all, parse, expand, fold };
+// The reverse of fill, for directories below the root.
+function unfill(text, { NEAR, FAR, '#NEAR': depth, '#FAR': otherDepth }) {
+  if (depth === 0) return text;
+  return text
+    .replaceAll(NEAR, 'NEAR')
+    .replaceAll(FAR, 'FAR')
+    .replace(`leaf ${depth}`, 'leaf #NEAR')
+    .replace(`other ${otherDepth}`, 'other #FAR');
+}
+
+// What differs, in lines with - and +, between the lines that are the same.
+function differenceOf(listed, actual, words) {
+  const [before, after] = [listed, actual].map((calls) => {
+    return fold(calls).map((line) => unfill(line, words));
+  });
+  const same = [];
+  while (after.length > 0 && before[0] === after[0]) {
+    same.push(`  ${after.shift()}`);
+    before.shift();
+  }
+  const rest = [];
+  while (after.length > 0 && before.at(-1) === after.at(-1)) {
+    rest.unshift(`  ${after.pop()}`);
+    before.pop();
+  }
+  const lacking = before.map((line) => `- ${line}`);
+  const added = after.map((line) => `+ ${line}`);
+  return [...same, ...lacking, ...added, ...rest].join('\n');
+}
+
+module.exports = { FIELDS: FIELDS.all, parse, expand, differenceOf };

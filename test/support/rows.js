@@ -28,11 +28,11 @@ function hooksIn(listing) {
 // A successful call. `near` and `far` are the names of the directories above its leaf and above its
 // other path.
 function makeScenario(row, { before = [], after = before, ...definition }, near, far, isMissing) {
-  const [words, what] = row.split(', ');
+  const [template, what] = row.split(', ');
   const leaf = [...near, 'leaf'].join('/');
   const other = [...far, 'other'].join('/');
-  const hasOther = words.includes('other');
-  const call = words.replaceAll('leaf', leaf).replaceAll('other', other);
+  const hasOther = template.includes('other');
+  const call = template.replaceAll('leaf', leaf).replaceAll('other', other);
   const link = path.relative(path.join('/', ...far), path.join('/', leaf));
   // Only the parent directories of the last path can be missing.
   const layout = (contents, hasParents, wrap) => {
@@ -42,18 +42,18 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
     return hasParents ? { ...rest, ...last } : rest;
   };
   const text = isMissing ? definition.calls.replace(/^( *)make/gm, '$1made') : definition.calls;
-  const folded = parse(text);
-  const listing = expand(folded, {
+  const words = {
     NEAR: near.join('/') || '.',
     FAR: far.join('/') || '.',
     '#NEAR': near.length,
     '#FAR': far.length,
     LINK: link,
     SIZE: link.length + 1,
-  });
+  };
+  const listing = expand(parse(text), words);
   return {
     name: [call, what, isMissing ? 'parents missing' : undefined].filter(Boolean).join(', '),
-    operation: words.split(' ')[0],
+    operation: template.split(' ')[0],
     call,
     leaf,
     other: hasOther ? other : undefined,
@@ -65,6 +65,7 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
       if (definition.check) definition.check(result, ctx, leaf);
       else assert.deepEqual(result, definition.result);
     },
+    words,
     listing,
     hooks: hooksIn(listing),
   };
