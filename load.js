@@ -35,7 +35,7 @@ function failure(problem, remedy, cause) {
     '  needed: linux x64 or arm64, glibc 2.28 or newer, Node.js 18.17 or newer of 18, or 20.3 or newer',
     `  to do:  ${remedy}`,
   ];
-  return new Error(message.join('\n'), { cause });
+  return new Error(message.join('\n'), cause && { cause });
 }
 
 // The command that builds the module, or other advice where its sources are not beside this file.

@@ -20,25 +20,37 @@ function pretend(property, value) {
 const BUILD = /^ {2}to do: .* build it:\n +cmake -S \S+ -B \S+ && cmake --build \S+$/m;
 const ADDONS = /^ {2}to do: .* --allow-addons .* --no-addons$/m;
 
-// What happens, the command, what was found, and what to do.
+const ALL_FILES = ['--allow-fs-read=*', '--allow-fs-write=*'];
+
+// What is wrong, the command, what the message says was found, and what it says to do.
 const REFUSED = [
   ['another platform', pretend('platform', 'darwin'), /darwin x64/, /to do: .* on Linux/],
   ['another processor', pretend('arch', 'riscv64'), /this processor\n.* riscv64/, BUILD],
   ['musl', pretend('execPath', './musl'), /musl\n/, /`slim` image rather than `alpine`/],
   ['no Node-API 9', node('node-20.2'), /Node\.js 20\.2\.0/, /to do: {2}update Node\.js/],
   ['no addons', node('node-18', '--no-addons'), /may not load native/, ADDONS],
-  ...[
-    ['node-20', '--experimental-permission'],
-    ['node-22', '--permission'],
-    ['node-26', '--permission'],
-  ].map(([name, option]) => {
-    const command = node(name, option, '--allow-fs-read=*', '--allow-fs-write=*');
-    return [`permission model, ${name}`, command, /may not load native/, ADDONS];
-  }),
+  [
+    'permission model, Node.js 20',
+    node('node-20', '--experimental-permission', ...ALL_FILES),
+    /may not load native/,
+    ADDONS,
+  ],
+  [
+    'permission model, Node.js 22',
+    node('node-22', '--permission', ...ALL_FILES),
+    /may not load native/,
+    ADDONS,
+  ],
+  [
+    'permission model, Node.js 26',
+    node('node-26', '--permission', ...ALL_FILES),
+    /may not load native/,
+    ADDONS,
+  ],
   ['Deno without --allow-ffi', denoWith('--allow-read'), /ffi access/, /Deno with --allow-ffi/],
 ];
 const LOADED = [
-  node('node-26', '--permission', '--allow-addons', '--allow-fs-read=*', '--allow-fs-write=*'),
+  node('node-26', '--permission', '--allow-addons', ...ALL_FILES),
   denoWith('--allow-ffi', '--allow-read', '--allow-write', '--allow-env'),
 ];
 
@@ -59,8 +71,11 @@ async function checkLoader(folder) {
   for (const [what, [command, ...args], found, remedy] of REFUSED) {
     await step(`refused, ${what}`, () => {
       const message = runRefused(command, args, options);
-      for (const line of [/tarvek: /, /^ {2}found: /m, /^ {2}needed: /m, found, remedy])
+      for (const line of [/tarvek: /, /^ {2}found: /m, /^ {2}needed: /m, found, remedy]) {
         assert.match(message, line);
+      }
+      // The runtime prints the cause below the message, and one without a value too.
+      assert.doesNotMatch(message, /\bundefined\b/);
       if (remedy !== BUILD) assert.doesNotMatch(message, /cmake/);
     });
   }
