@@ -5,9 +5,9 @@
 
 const fs = require('node:fs');
 const path = require('node:path');
-const { root, tool, run, step } = require('./support.js');
+const { tool, run, step } = require('./support.js');
 
-const TYPES = path.join(root, 'test', 'types');
+const TYPES = path.join(__dirname, 'types');
 const OPTIONS = '--noEmit --strict --target es2020 --module node16 --moduleResolution node16';
 
 async function compileTypes(folder) {
