@@ -1,6 +1,7 @@
 'use strict';
 
-// Runs every program, the examples and what the README shows, in every supported runtime.
+// Runs the programs, the examples and what the README shows, in every supported runtime. The example of
+// a test is left out: Bun and Deno run tests with commands of their own.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');

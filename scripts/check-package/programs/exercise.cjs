@@ -1,6 +1,6 @@
 'use strict';
 
-// Calls every function once, and asserts what it answers: that the binary works in the runtime that
+// Calls every function and asserts what it answers: that the binary works in the runtime that
 // loads it. What each function promises is for the tests.
 
 const assert = require('node:assert');
