@@ -16,22 +16,21 @@ const LIBRARIES = /^(libc|libstdc\+\+|libm|libgcc_s|ld-linux-(x86-64|aarch64))\.
 const TOOLCHAIN = /^(_ITM_(de)?registerTMCloneTable|__gmon_start__)$/;
 const NODE_API = new Set(Object.values(symbols.v9).flat());
 
-function readelf(file, ...options) {
+function output(command, ...args) {
   const environment = { ...process.env, LC_ALL: 'C' };
-  const args = ['--wide', ...options, file];
-  return execFileSync('readelf', args, { encoding: 'utf8', env: environment });
+  return execFileSync(command, args, { encoding: 'utf8', env: environment });
 }
 
-// A line of the table: number, address, size, type, binding, visibility, section, name@version.
+// All symbols of the dynamic table that are not local. A line is: name@version, a letter for the type,
+// address, size.
 function dynamicSymbols(file) {
-  const rows = readelf(file, '--dyn-syms').matchAll(
-    /^ *\d+: \w+ +\w+ +\w+ +(?:GLOBAL|WEAK) +\w+ +(\w+) +([^@\s]+)(?:@+(\S+))?/gm,
-  );
-  return [...rows].map(([, section, name, version]) => ({
-    name,
-    version,
-    imported: section === 'UND',
-  }));
+  const options = ['--dynamic', '--extern-only', '--with-symbol-versions', '--format=posix'];
+  const lines = output('nm', ...options, file).trimEnd().split('\n');
+  return lines.map((line) => {
+    const [symbol, type] = line.split(' ');
+    const [name, version] = symbol.split(/@+/);
+    return { name, version, imported: 'Uvw'.includes(type) };
+  });
 }
 
 function isNewer(version, floor) {
@@ -64,8 +63,8 @@ function symbolFaults(file) {
 }
 
 function linkFaults(file) {
-  const dynamic = readelf(file, '--dynamic');
-  const segments = readelf(file, '--program-headers');
+  const dynamic = output('readelf', '--wide', '--dynamic', file);
+  const segments = output('readelf', '--wide', '--program-headers', file);
   const needed = [...dynamic.matchAll(/\(NEEDED\).*\[(.+)\]/g)].map(([, library]) => library);
   return [
     ...needed.filter((name) => !LIBRARIES.test(name)).map((name) => `${name} is linked`),
