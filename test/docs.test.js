@@ -8,45 +8,58 @@ const test = require('node:test');
 const { files } = require('../package.json');
 
 process.chdir(path.join(__dirname, '..'));
-const packed = ['README.md', 'LICENSE', ...files];
-const names = packed.concat(fs.readdirSync('docs').map((name) => `docs/${name}`));
-const pages = names.filter((name) => name.endsWith('.md'));
 const textOf = (file) => fs.readFileSync(file, 'utf8');
-const matches = (pattern) => pages.flatMap((page) => [...textOf(page).matchAll(pattern)]);
-const slugOf = (line) => line.replace(/^#+ |[^\w -]/g, '').replaceAll(' ', '-');
+const packed = ['README.md', 'LICENSE', ...files];
+const inDocs = fs.readdirSync('docs').map((name) => `docs/${name}`);
+const pages = [...packed, ...inDocs].filter((name) => name.endsWith('.md'));
 
-test('links lead to packed files and to headings', () => {
-  for (const page of pages) {
+// The anchors of a page's headings.
+function anchorsIn(page) {
+  const headings = textOf(page).match(/^#+ .*/gm);
+  return headings.map((line) =>
+    line
+      .toLowerCase()
+      .replace(/^#+ |[^\w -]/g, '')
+      .replaceAll(' ', '-'),
+  );
+}
+
+for (const page of pages) {
+  test(`links lead to packed files and to headings: ${page}`, () => {
     for (const [, link] of textOf(page).matchAll(/\]\((?!https:)(.+?)\)/g)) {
       const [file, anchor] = link.split('#');
       const target = file ? path.join(path.dirname(page), file) : page;
-      const headings = textOf(target)
-        .toLowerCase()
-        .match(/^#+ .*/gm);
-      const isThere = !anchor || headings.map(slugOf).includes(anchor);
-      assert.ok(isThere && packed.some((name) => target.startsWith(name)), `${page}: ${link}`);
+      const isPacked = packed.some((name) => target.startsWith(name));
+      assert.ok(isPacked, `${link} is not in the package`);
+      assert.ok(fs.existsSync(target), `${link} does not exist`);
+      assert.ok(!anchor || anchorsIn(target).includes(anchor), `${link} has no heading`);
     }
-  }
-});
+  });
 
-test('examples run, and print what the page says', (t) => {
-  // In build, since only a file in this package finds it by its name.
-  const cwd = fs.mkdtempSync('build/docs-');
-  t.after(() => fs.rmSync(cwd, { recursive: true }));
-  const env = { ...process.env, NODE_TEST_CONTEXT: undefined };
-  for (const [, code, printed] of matches(/^```js\n(.*?)^```\n(?:\n```text\n(.*?)^```\n)?/gms)) {
-    const name = code.startsWith('import') ? 'example.mjs' : 'example.cjs';
-    for (const left of fs.readdirSync(cwd)) fs.rmSync(path.join(cwd, left), { recursive: true });
-    fs.writeFileSync(path.join(cwd, name), code);
-    const run = spawnSync(process.execPath, [name], { cwd, env, encoding: 'utf8' });
-    assert.deepEqual([run.status, run.stdout], [0, printed ?? run.stdout], code + run.stderr);
+  const examples = textOf(page).matchAll(/^```js\n(.*?)^```\n(?:\n```text\n(.*?)^```\n)?/gms);
+  for (const { index, 1: code, 2: printed } of examples) {
+    const line = textOf(page).slice(0, index).split('\n').length;
+    test(`an example runs, and prints what the page says: ${page}, line ${line}`, (t) => {
+      // In build, since only a file in this package finds it by its name.
+      const cwd = fs.mkdtempSync('build/docs-');
+      t.after(() => fs.rmSync(cwd, { recursive: true }));
+      const name = code.startsWith('import') ? 'example.mjs' : 'example.cjs';
+      fs.writeFileSync(path.join(cwd, name), code);
+      const env = { ...process.env, NODE_TEST_CONTEXT: undefined };
+      const run = spawnSync(process.execPath, [name], { cwd, env, encoding: 'utf8' });
+      assert.equal(run.status, 0, run.stderr);
+      if (printed !== undefined) assert.equal(run.stdout, printed);
+    });
   }
-});
+}
 
 test('the tests that the guarantees name exist', () => {
-  for (const [, file, titles] of matches(/`(\w+\.test\.js)`,([^`.]*)/g)) {
-    for (const [, title] of titles.replace(/\s+/g, ' ').matchAll(/"(.+?)"/g)) {
-      assert.ok(textOf(`test/${file}`).includes(`'${title}`), `${file}: ${title}`);
+  const guarantees = textOf('docs/guarantees.md').replace(/\s+/g, ' ');
+  for (const [, file, titles] of guarantees.matchAll(/`(\w+\.test\.js)`,([^`.]*)/g)) {
+    const source = textOf(`test/${file}`);
+    for (const [, title] of titles.matchAll(/"(.+?)"/g)) {
+      const isThere = source.includes(`'${title}`) || source.includes(`\`${title}`);
+      assert.ok(isThere, `${file}: ${title}`);
     }
   }
 });
