@@ -5,6 +5,7 @@ const fs = require('node:fs');
 const path = require('node:path');
 const test = require('node:test');
 const { inspect } = require('node:util');
+const load = require('../load.js');
 const tarvek = require('tarvek');
 const { codes } = require('./support/harness.js');
 const { scenarios } = require('./support/rows.js');
@@ -13,10 +14,10 @@ const EXPORTS =
   `open openRoot openRelative close rootIdentity exists list capture snapshot read write
   create append ensureDirectory ensureRelativeSymlink remove removeIfEquals move publishVerified
   setTestHook exchangeForTest`.split(/\s+/);
-
-const native = require(process.env.TARVEK_MODULE || '../build/Release/tarvek.node');
+const BUILD = path.join(__dirname, '../build/Release');
 
 test('the native module has exactly its functions, in order, neither replaceable nor enumerable', () => {
+  const native = require(process.env.TARVEK_MODULE || `${BUILD}/tarvek.node`);
   const properties = Object.getOwnPropertyDescriptors(native);
   assert.deepEqual(Reflect.ownKeys(properties), EXPORTS);
   for (const [name, { value, ...flags }] of Object.entries(properties)) {
@@ -37,9 +38,9 @@ test('require returns a plain object, which a console can show and a test can mo
 });
 
 test('import returns what require returns, by name and as the default', async () => {
-  const imported = await import('tarvek');
-  assert.equal(imported.default, tarvek);
-  for (const name of EXPORTS) assert.equal(imported[name], tarvek[name], name);
+  const { default: whole, ...named } = await import('tarvek');
+  assert.equal(whole, tarvek);
+  for (const name of EXPORTS) assert.equal(named[name], tarvek[name], name);
 });
 
 test('the types declare every function, with a comment, and every point, stage and code', () => {
@@ -56,4 +57,13 @@ test('the types declare every function, with a comment, and every point, stage a
   );
   const points = scenarios.flatMap(({ hooks }) => hooks.map(({ event }) => event.point));
   assert.deepEqual(members.sort(), [...new Set([...points, ...codes])].sort());
+});
+
+test('an error of loading has the reason as its cause', (t) => {
+  const reason = new Error('a reason');
+  t.mock.method(process, 'dlopen', () => {
+    throw reason;
+  });
+  delete require.cache[require.resolve(`${BUILD}/tarvek.node`)];
+  assert.throws(load, { message: /does not load: a reason\n/, cause: reason });
 });
