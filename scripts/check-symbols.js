@@ -25,7 +25,9 @@ function output(command, ...args) {
 // address, size.
 function dynamicSymbols(file) {
   const options = ['--dynamic', '--extern-only', '--with-symbol-versions', '--format=posix'];
-  const lines = output('nm', ...options, file).trimEnd().split('\n');
+  const lines = output('nm', ...options, file)
+    .trimEnd()
+    .split('\n');
   return lines.map((line) => {
     const [symbol, type] = line.split(' ');
     const [name, version] = symbol.split(/@+/);

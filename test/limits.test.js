@@ -6,7 +6,6 @@ const assert = require('node:assert/strict');
 const { MAX_LENGTH } = require('node:buffer').constants;
 const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
-const path = require('node:path');
 const test = require('node:test');
 const { setImmediate: nextTurn } = require('node:timers/promises');
 const { isExternal } = require('node:util').types;
@@ -17,7 +16,8 @@ const harness = require('./support/harness.js');
 const { build, symlink } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
-const { descriptors, expectOutcome, lines, place, prepare, sandbox, table, thrownBy } = harness;
+const { descriptors, expectOutcome, expectProgram, lines, place } = harness;
+const { prepare, sandbox, table, thrownBy } = harness;
 const MIB = 2 ** 20;
 // The runtime of a sanitizer keeps freed memory, and takes the place of malloc.
 const isSanitized = /asan/.test(process.env.LD_PRELOAD ?? '');
@@ -153,78 +153,75 @@ test('a long run of calls leaks neither memory nor descriptors', async (t) => {
 
 const STORAGE_FAILED = 'FILESYSTEM_FAILURE, Repository-local storage operation failed\n';
 
-// What a process prints that makes a call under limits.
-function callLimited(plan, env) {
-  const program = [path.join(__dirname, 'programs/limited-call.js'), JSON.stringify(plan)];
-  // The C library gives a thread 64 MiB of address space at its first allocation, at any moment.
-  const options = { encoding: 'utf8', env: { ...process.env, MALLOC_ARENA_MAX: '1', ...env } };
-  const { status, signal, stdout, stderr } = spawnSync(process.execPath, program, options);
-  assert.equal(status, 0, `ended with ${signal ?? status}: ${stdout}${stderr}`);
-  return stdout;
-}
+// The C library gives a thread 64 MiB of address space at its first allocation, at any moment.
+process.env.MALLOC_ARENA_MAX = '1';
 
 const [, DESCRIPTORS] = /open files +(\d+)/.exec(fs.readFileSync('/proc/self/limits', 'utf8'));
-// A function, its argument, and the descriptors that it takes for each level.
+// The name, the function and its argument, and the descriptors that it takes for each level.
 const DEEP = [
-  ['capture', [['chain']], 1],
-  ['snapshot', ['chain'], 1],
-  ['remove', ['chain'], 2],
+  ['capture', 'capture', [['chain']], 1],
+  ['snapshot', 'snapshot', ['chain'], 1],
+  ['remove', 'remove', ['chain'], 2],
 ];
+const FEW_FILES = '--nofile=500:';
 
-for (const [operation, argument, count] of DEEP) {
-  test(`extreme depth fails without a crash and leaks no descriptor: ${operation}`, (t) => {
+function expectDepth(operation, argument, count) {
+  const levels = Math.min(15_000, Math.floor((DESCRIPTORS - 200) / count));
+  // A recursion would need more than this stack.
+  const limits = ['--stack=1048576:'];
+  const plan = { root: place.root, operation, argument, limits };
+  execFileSync('mkdir', ['-p', place.at('chain', 'd/'.repeat(levels))]);
+  try {
+    const failed = expectProgram('limited-call.js', { ...plan, limits: [...limits, FEW_FILES] });
+    assert.equal(failed, `0 results, then ${STORAGE_FAILED}`);
+    assert.equal(expectProgram('limited-call.js', plan), '1 results\n');
+  } finally {
     // Node.js itself cannot remove so many levels.
-    t.after(() => execFileSync('rm', ['-rf', place.root]));
-    const levels = Math.min(15_000, Math.floor((DESCRIPTORS - 200) / count));
-    execFileSync('mkdir', ['-p', place.at('chain', 'd/'.repeat(levels))]);
-    // A recursion would need more than this stack.
-    const plan = { root: place.root, operation, argument, limits: ['--stack=1048576:'] };
-    const fewDescriptors = { ...plan, limits: [...plan.limits, '--nofile=500:'] };
-    assert.equal(callLimited(fewDescriptors), `0 results, then ${STORAGE_FAILED}`);
-    assert.equal(callLimited(plan), '1 results\n');
-  });
+    execFileSync('rm', ['-rf', place.root]);
+  }
 }
+table('extreme depth fails without a crash and leaks no descriptor', DEEP, expectDepth);
 
-// The call, the number and the size of the files in d, how many such files fit into the free address
-// space, and how many calls succeed at least.
+// The name, the function and its argument, the number and the size of the files in d, how many such
+// files fit into the free address space, and how many calls succeed at least.
 const SCARCE = [
-  ['read', ['d', '0'], 1, 64 * MIB, 1.6, 1],
-  ['read', ['d', '0'], 1, 3_900_000, 12, 8],
-  ['read', ['d', '0'], 1, 100_000, 50, 20],
-  ['capture', [['d']], 8, 3_900_000, 4.5, 0],
-  ['snapshot', ['d'], 8, 3_900_000, 4.5, 0],
+  ['read of 64 MiB', 'read', ['d', '0'], 1, 64 * MIB, 1.6, 1],
+  ['read of 4 MB', 'read', ['d', '0'], 1, 3_900_000, 12, 8],
+  ['read of 100 KB', 'read', ['d', '0'], 1, 100_000, 50, 20],
+  ['capture of 8 × 4 MB', 'capture', [['d']], 8, 3_900_000, 4.5, 0],
+  ['snapshot of 8 × 4 MB', 'snapshot', ['d'], 8, 3_900_000, 4.5, 0],
 ];
+// A sanitizer takes so much address space for small blocks that the engine fails first.
+const scarce = SCARCE.filter(([, , , , size]) => size > MIB || !isSanitized);
 
-for (const [operation, argument, count, size, fitting, least] of SCARCE) {
-  // A sanitizer takes so much address space for small blocks that the engine fails first.
-  const skip = isSanitized && size < MIB;
-  const name = `too little memory fails without a crash: ${operation} of ${count} × ${size} bytes`;
-  test(name, { skip }, () => {
-    const files = Object.fromEntries(Array(count).fill('').entries());
-    sandbox({ d: files }, (ctx) => {
-      for (const name of Object.keys(files)) fs.truncateSync(ctx.at('d', name), size);
-      const room = Math.round(size * fitting);
-      const plan = { root: ctx.root, operation, argument, room };
-      const printed = callLimited(plan);
-      const [, succeeded, failure] = /^1 results\n(\d+) results, then (.*)$/s.exec(printed) ?? [];
-      assert.equal(failure, STORAGE_FAILED, printed);
-      assert.ok(Number(succeeded) >= least, printed);
-    });
+function expectScarcity(operation, argument, count, size, fitting, least) {
+  const files = Object.fromEntries(Array(count).fill('').entries());
+  sandbox({ d: files }, (ctx) => {
+    for (const name of Object.keys(files)) fs.truncateSync(ctx.at('d', name), size);
+    const plan = { root: ctx.root, operation, argument, room: Math.round(size * fitting) };
+    const printed = expectProgram('limited-call.js', plan);
+    const [, succeeded, failure] = /^1 results\n(\d+) results, then (.*)$/s.exec(printed) ?? [];
+    assert.equal(failure, STORAGE_FAILED, printed);
+    assert.ok(Number(succeeded) >= least, printed);
   });
 }
+table('too little memory fails without a crash', scarce, expectScarcity);
 
 // The address space does not run out there, because the memory of each small file is freed before the
-// next Buffer is made.
-test('no memory for the Buffer of a small captured file fails without a crash', (t) => {
-  if (isSanitized) {
-    t.skip('a sanitizer takes the place of malloc');
-    return;
-  }
+// next Buffer is made. So malloc fails instead, which a sanitizer replaces.
+test('no memory for the Buffer of a small captured file fails', { skip: isSanitized }, (t) => {
+  const { LD_PRELOAD = '' } = process.env;
+  t.after(() => {
+    process.chdir(__dirname);
+    process.env.LD_PRELOAD = LD_PRELOAD;
+  });
   sandbox({ f: Buffer.alloc(1789) }, (ctx) => {
-    const library = path.join(ctx.base, 'malloc.so');
-    compile(path.join(__dirname, 'interpose/malloc.c'), library, '-DFAILING_SIZE=1789', '-ldl');
+    compile('malloc.c', ctx.at('malloc.so'), '-DFAILING_SIZE=1789', '-ldl');
+    // LD_PRELOAD splits its value at spaces and colons, which the path of the directory may have.
+    process.chdir(ctx.root);
+    process.env.LD_PRELOAD = './malloc.so';
     const plan = { root: ctx.root, operation: 'capture', argument: [['f']] };
-    const printed = callLimited(plan, { LD_PRELOAD: library });
+    const printed = expectProgram('limited-call.js', plan);
     assert.equal(printed, `0 results, then ${STORAGE_FAILED}`);
   });
 });
@@ -234,20 +231,22 @@ function bytesRead() {
   return Number(count);
 }
 
-const SIZES = { 'one byte larger than a Buffer': BigInt(MAX_LENGTH) + 1n, huge: 2n ** 63n - 1n };
-for (const [what, size] of Object.entries(SIZES)) {
-  test(`a file larger than a Buffer is refused before a byte is read: ${what}`, () => {
-    sandbox({ d: { f: '' } }, (ctx) => {
-      makeSparse(ctx.at('d', 'f'), size);
-      for (const words of ['read d/f', 'capture d', 'snapshot d']) {
-        const before = bytesRead();
-        const outcome = thrownBy(() => call(ctx, words));
-        expectOutcome('storage', outcome);
-        assert.ok(bytesRead() - before < MIB, words);
-      }
-    });
+const LARGE = [
+  ['one byte larger', BigInt(MAX_LENGTH) + 1n],
+  ['as large as a file can be', 2n ** 63n - 1n],
+];
+
+table('a file larger than a Buffer is refused before a byte is read', LARGE, (size) => {
+  sandbox({ d: { f: '' } }, (ctx) => {
+    makeSparse(ctx.at('d', 'f'), size);
+    for (const words of ['read d/f', 'capture d', 'snapshot d']) {
+      const before = bytesRead();
+      const outcome = thrownBy(() => call(ctx, words));
+      expectOutcome('storage', outcome);
+      assert.ok(bytesRead() - before < MIB, words);
+    }
   });
-}
+});
 
 test('the events of a hook can be collected before the call ends', () => {
   const files = Object.fromEntries(Array(200).fill('').entries());

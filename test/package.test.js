@@ -43,18 +43,13 @@ test('import returns what require returns, by name and as the default', async ()
   for (const name of EXPORTS) assert.equal(named[name], tarvek[name], name);
 });
 
-test('the types declare every function, with a comment, and every point, stage and code', () => {
-  const types = fs.readFileSync(path.join(__dirname, '..', 'index.d.ts'), 'utf8');
-  const declared = Array.from(types.matchAll(/^(.*\*\/\n)?export function (\w+)/gm));
-  assert.deepEqual(declared.map(([, , name]) => name).sort(), [...EXPORTS].sort());
-  for (const [, comment, name] of declared) assert.ok(comment, name);
-  const unions = ['HookPoint', 'WriteStage', 'ErrorCode'].map((name) => `export type ${name} =`);
-  const members = unions.flatMap((type) =>
-    types
-      .split(type)[1]
-      .split(';')[0]
-      .match(/[\w-]+/g),
-  );
+test('the types have a comment for every function, and every point, stage and code', () => {
+  const types = fs.readFileSync(path.join(__dirname, '../index.d.ts'), 'utf8');
+  for (const [, comment, name] of types.matchAll(/^(.*\*\/\n)?export function (\w+)/gm)) {
+    assert.ok(comment, name);
+  }
+  const unions = types.matchAll(/^export type (?:HookPoint|WriteStage|ErrorCode) =([^;]+);/gm);
+  const members = Array.from(unions, ([, union]) => union.match(/[\w-]+/g)).flat();
   const points = scenarios.flatMap(({ hooks }) => hooks.map(({ event }) => event.point));
   assert.deepEqual(members.sort(), [...new Set([...points, ...codes])].sort());
 });
