@@ -5,31 +5,27 @@
 // status.
 
 const assert = require('node:assert/strict');
-const { execFileSync, spawnSync } = require('node:child_process');
+const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const { getSystemErrorName } = require('node:util');
+const compile = require('./compile.js');
 const { descriptors, place, prepare, sandbox, thrownBy } = require('./harness.js');
 const { treeOf } = require('./layouts.js');
 const tarvek = require('./tarvek.js');
 
 const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
 
-const CACHE = path.join(__dirname, '../../build/Release/CMakeCache.txt');
 // Lazy binding: child processes other than Node load the library too, and have no Node-API.
-const OPTIONS = '-std=c11 -O1 -Wall -Wextra -Werror -shared -fPIC -Wl,-z,lazy -x c'.split(' ');
+const OPTIONS = ['-std=c11', '-O1', '-Wall', '-Wextra', '-Werror', '-Wl,-z,lazy', '-ldl'];
 
-// Compiles the library and runs the test file again with it. Compiling takes 0.1 s. The compiler is
-// the one that built the module, because it compiles C too.
+// Compiles the library and runs the test file again with it.
 function restartPreloaded() {
-  const cache = fs.readFileSync(CACHE, 'utf8');
-  const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(cache);
   // LD_PRELOAD splits its value at spaces and colons.
   const directory = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
   const preloaded = path.join(directory, 'faults.so');
-  const source = path.join(__dirname, '../interpose/faults.c');
-  execFileSync(compiler, [...OPTIONS, source, '-ldl', '-o', preloaded]);
+  compile('faults.c', preloaded, ...OPTIONS);
   const env = {
     ...process.env,
     TARVEK_TEST_PRELOADED: preloaded,
