@@ -78,29 +78,37 @@ function emptyBase() {
   for (const name of fs.readdirSync(base)) fs.rmSync(path.join(base, name), { recursive: true });
 }
 
-// Runs `body` on a root directory with this layout. Always removes the hook, the borrowed
-// descriptors and everything on disk afterwards. Fails if a descriptor stays open, or if the umask
-// is another one.
-function sandbox(layout, body) {
-  const before = descriptors();
-  const borrowed = [];
-  const open = (at, flags) => {
+// A root directory with this layout, open as `handle`. open(at, flags) opens a descriptor to borrow.
+function enterSandbox(layout) {
+  const ctx = { ...place, before: descriptors(), borrowed: [] };
+  ctx.open = (at, flags) => {
     const fd = fs.openSync(at, flags);
-    borrowed.push(fd);
+    ctx.borrowed.push(fd);
     return fd;
   };
-  const ctx = { ...place, open };
-  const outcome = thrownBy(() => {
-    build(root, layout);
-    ctx.handle = tarvek.openRoot(root);
-    body(ctx);
-  });
+  build(root, layout);
+  ctx.handle = tarvek.openRoot(root);
+  return ctx;
+}
+
+// Removes the hook, the borrowed descriptors and everything on disk.
+function leaveSandbox({ handle, borrowed }) {
   tarvek.setTestHook();
   for (const fd of borrowed) fs.closeSync(fd);
-  if (ctx.handle) tarvek.close(ctx.handle);
+  tarvek.close(handle);
   emptyBase();
-  if ('thrown' in outcome) throw outcome.thrown;
-  assert.deepEqual(descriptors(), before, 'the same descriptors are open as before');
+}
+
+// Runs `body` on a root directory with this layout. Fails if a descriptor stays open, or if the
+// umask is another one.
+function sandbox(layout, body) {
+  const ctx = enterSandbox(layout);
+  try {
+    body(ctx);
+  } finally {
+    leaveSandbox(ctx);
+  }
+  assert.deepEqual(descriptors(), ctx.before, 'the same descriptors are open as before');
   assert.equal(process.umask(UMASK), UMASK, 'the umask');
 }
 
@@ -238,6 +246,8 @@ module.exports = {
   thrownBy,
   place,
   descriptors,
+  enterSandbox,
+  leaveSandbox,
   sandbox,
   prepare,
   withoutTemporary,
