@@ -166,9 +166,9 @@ const DEEP = [
 const FEW_FILES = '--nofile=500:';
 
 function expectDepth(operation, argument, count) {
-  const levels = Math.min(15_000, Math.floor((DESCRIPTORS - 200) / count));
-  // A recursion would need more than this stack.
-  const limits = ['--stack=1048576:'];
+  // The whole path is longer than the system accepts, and a recursion would need more than this stack.
+  const levels = Math.min(2100, Math.floor((DESCRIPTORS - 200) / count));
+  const limits = ['--stack=262144:'];
   const plan = { root: place.root, operation, argument, limits };
   execFileSync('mkdir', ['-p', place.at('chain', 'd/'.repeat(levels))]);
   try {
