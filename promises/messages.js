@@ -1,0 +1,176 @@
+'use strict';
+
+// What crosses between the caller's thread and the pool's threads.
+//
+// Arguments are reduced, not cloned: what a synchronous function can accept stays what it is, and
+// everything else becomes null, which it refuses as it would refuse the original. Bytes are copied when
+// the call is made, so the caller may use its memory again at once.
+//
+// The bytes of a result belong to the receiver. From `MOVED_FROM` bytes on, memory moves to the other
+// thread. Less than that is copied with the message, which takes less time. The small files of one
+// result share blocks: 10,000 pieces of memory would take the receiver longer to unpack.
+
+const tarvek = require('../index.js');
+
+const MOVED_FROM = 16 * 1024;
+const BLOCK = 64 * 1024;
+const CODES = [
+  'PATH_OUT_OF_ROOT',
+  'NOT_FOUND',
+  'HANDLE_CLOSED',
+  'OPTIMISTIC_CONFLICT',
+  'CANDIDATE_CHANGED',
+  'FILESYSTEM_FAILURE',
+];
+
+// --- Arguments ----------------------------------------------------------------------------------
+
+// A DataView without its memory throws. A typed array says 0.
+function lengthOf(view) {
+  try {
+    return view.byteLength;
+  } catch {
+    return 0;
+  }
+}
+
+// New memory, shared with nothing.
+function copyOf(view) {
+  const length = lengthOf(view);
+  if (length === 0) return new Uint8Array(0);
+  return new Uint8Array(view.buffer, view.byteOffset, length).slice();
+}
+
+// Reads each element once, up to the first that cannot be part of a path: an array can claim a length
+// of 2^32 - 1.
+function reduceArray(array, reduceElement) {
+  const reduced = [];
+  const { length } = array;
+  for (let index = 0; index < length && reduced.at(-1) !== null; ++index) {
+    reduced.push(reduceElement(array[index]));
+  }
+  return reduced;
+}
+
+const reduceName = (value) => (typeof value === 'string' ? value : null);
+const reducePath = (value) =>
+  Array.isArray(value) ? reduceArray(value, reduceName) : reduceName(value);
+
+function reduceArgument(value) {
+  if (typeof value === 'string' || typeof value === 'number') return value;
+  if (Array.isArray(value)) return reduceArray(value, reducePath);
+  return ArrayBuffer.isView(value) ? copyOf(value) : null;
+}
+
+// The memory that a message with these arguments moves.
+const movedWith = (args) =>
+  args
+    .filter((value) => value instanceof Uint8Array && value.length >= MOVED_FROM)
+    .map(({ buffer }) => buffer);
+
+// --- Results ------------------------------------------------------------------------------------
+
+// Puts bodies into pieces of memory: each large one into its own, the small ones one after the other
+// into blocks.
+function packBodies(bodies) {
+  const lengths = Float64Array.from(bodies, ({ length }) => length);
+  let left = lengths.reduce((sum, length) => (length < MOVED_FROM ? sum + length : sum), 0);
+  const pieces = [];
+  let block = new Uint8Array(0);
+  let used = 0;
+  for (const body of bodies) {
+    if (body.length >= MOVED_FROM) {
+      pieces.push(body.buffer);
+      continue;
+    }
+    if (used + body.length > block.length) {
+      block = new Uint8Array(Math.min(left, BLOCK));
+      pieces.push(block.buffer);
+      used = 0;
+    }
+    block.set(body, used);
+    used += body.length;
+    left -= body.length;
+  }
+  return { lengths, pieces };
+}
+
+// Returns a function that returns the bodies, in their order, by the rule of `packBodies`.
+function bodiesIn({ lengths, pieces }) {
+  let block = new ArrayBuffer(0);
+  let used = 0;
+  let piece = 0;
+  let body = 0;
+  return () => {
+    const length = lengths[body++];
+    if (length >= MOVED_FROM) return Buffer.from(pieces[piece++]);
+    if (used + length > block.byteLength) {
+      block = pieces[piece++];
+      used = 0;
+    }
+    used += length;
+    return Buffer.from(block, used - length, length);
+  };
+}
+
+const isFile = ({ type }) => type === 'file';
+
+// The results that are not plain data. `pack` returns what is sent in their place and the memory that
+// moves with it, `unpack` makes the result again.
+const RESULTS = {
+  read: {
+    pack: ({ buffer }) => [buffer, buffer.byteLength < MOVED_FROM ? [] : [buffer]],
+    unpack: (memory) => Buffer.from(memory),
+  },
+  capture: {
+    pack(records) {
+      const bodies = packBodies(records.filter(isFile).map(({ body }) => body));
+      const paths = records.map(({ path }) => path);
+      const modes = Uint16Array.from(records, ({ mode }) => mode);
+      const files = Uint8Array.from(records, isFile);
+      return [{ paths, modes, files, ...bodies }, bodies.pieces];
+    },
+    unpack({ paths, modes, files, ...bodies }) {
+      const nextBody = bodiesIn(bodies);
+      return paths.map((path, index) =>
+        files[index]
+          ? { path, type: 'file', mode: modes[index], body: nextBody() }
+          : { path, type: 'directory', mode: modes[index] },
+      );
+    },
+  },
+  snapshot: {
+    pack(files) {
+      const bodies = packBodies(Object.values(files));
+      return [{ paths: Object.keys(files), ...bodies }, bodies.pieces];
+    },
+    unpack({ paths, ...bodies }) {
+      const nextBody = bodiesIn(bodies);
+      const files = Object.create(null);
+      for (const path of paths) files[path] = nextBody();
+      return files;
+    },
+  },
+};
+
+// --- Failures -----------------------------------------------------------------------------------
+
+// The synchronous function is asked for its words: they stand once, in the native module.
+function storageFailure() {
+  try {
+    return tarvek.close(undefined);
+  } catch ({ code, message }) {
+    return { code, message };
+  }
+}
+
+// What is told of an error. An error that is not of the synchronous functions could contain a path.
+function failureOf(error) {
+  const { code, message } = error ?? {};
+  return CODES.includes(code) ? { code, message } : storageFailure();
+}
+
+const pack = (name, result) => RESULTS[name]?.pack(result) ?? [result, []];
+const unpack = (name, packed) => (RESULTS[name] ? RESULTS[name].unpack(packed) : packed);
+
+module.exports = { reduceArgument, movedWith, pack, unpack, failureOf };

@@ -1,0 +1,247 @@
+'use strict';
+
+// The threads, and the calls that wait for them.
+//
+// One pool serves all roots of the JavaScript thread that loads this file. The first `open` starts it,
+// and it ends with the last root. Each thread runs one call at a time. A call that finds no idle thread
+// waits in one queue, first come, first served: a call that was sent ahead to a busy thread would stand
+// behind the flush of another one while a thread is idle.
+//
+// A call is { name, root, args, signal, onProgress }, and a root is a record made by `open`, which is
+// open in every thread. `run` sends a call to one thread, `open` to all of them, and `close` closes a
+// root everywhere. Each resolves to an answer: { result }, or { failure, cause } with the code and
+// message of an error. The error itself is made where its stack names the caller.
+
+const { AsyncResource } = require('node:async_hooks');
+const path = require('node:path');
+const { SHARE_ENV, Worker } = require('node:worker_threads');
+const { failureOf, movedWith } = require('./messages.js');
+
+const USUAL_THREADS = 4;
+const MOST_THREADS = 16;
+const OPTIONS = { env: SHARE_ENV, execArgv: [], name: 'tarvek' };
+
+// Threads start in this context. Otherwise every answer would arrive in the context of the request that
+// opened the first root, and see its AsyncLocalStorage.
+const context = new AsyncResource('tarvek');
+
+const threads = new Set();
+const roots = new Set();
+let size = 0;
+let pending = 0;
+let lastId = 0;
+
+// Without a cause: the thread has run the call, and the function failed.
+const isRefusal = ({ failure, cause }) => failure !== undefined && cause === undefined;
+const failed = (message, cause) => ({ failure: failureOf(), cause: new Error(message, { cause }) });
+
+// --- The queue ----------------------------------------------------------------------------------
+
+let queue = [];
+let head = 0;
+
+// Removes and returns the first waiting call that `fits`, usually the one at the head.
+function take(fits) {
+  for (let index = head; index < queue.length; ++index) {
+    const call = queue[index];
+    if (call === undefined || !fits(call)) continue;
+    queue[index] = undefined;
+    while (head < queue.length && queue[head] === undefined) ++head;
+    if (head * 2 >= queue.length) {
+      queue = queue.slice(head);
+      head = 0;
+    }
+    return call;
+  }
+  return undefined;
+}
+
+// --- Threads ------------------------------------------------------------------------------------
+
+const serves = (thread, root) => root === undefined || thread.roots.has(root);
+const willServe = (thread, root) =>
+  serves(thread, root) || [thread.current, ...thread.own].some((call) => call?.opens === root);
+
+// Sends a thread its next call, unless it is busy: one of its own, or one from the queue.
+function feed(thread) {
+  while (thread.current === undefined) {
+    const call = thread.own.shift() ?? take(({ root }) => serves(thread, root));
+    if (call === undefined) return;
+    const { name, root, args, opens } = call;
+    const target = opens && { id: opens.id, identity: opens.identity };
+    thread.current = call;
+    try {
+      thread.worker.postMessage({ name, root: root?.id, args, opens: target }, movedWith(args));
+    } catch (cause) {
+      // There was no memory for the message.
+      thread.current = undefined;
+      call.settle({ failure: failureOf(), cause });
+    }
+  }
+}
+
+function receive(thread, answer) {
+  const call = thread.current;
+  if ('progress' in answer) {
+    call.onProgress(answer.progress);
+    return;
+  }
+  thread.current = undefined;
+  thread.hasAnswered = true;
+  if (call.opens && !answer.failure) thread.roots.add(call.opens);
+  if (call.name === 'close') thread.roots.delete(call.root);
+  feed(thread);
+  call.settle(answer);
+}
+
+// Sends a call to this thread alone. Its own calls go before those of the queue.
+function runOn(thread, call) {
+  return new Promise((settle) => {
+    thread.own.push({ ...call, settle });
+    feed(thread);
+  });
+}
+
+const isStranded = ({ root }) => !Array.from(threads).some((thread) => willServe(thread, root));
+
+// Settles the calls that no thread can run any more.
+function settleStranded(cause) {
+  for (let call = take(isStranded); call; call = take(isStranded)) {
+    call.settle(failed('tarvek: no thread has this root open', cause));
+  }
+}
+
+// The directory of a root may be gone from its path. Then the thread does without it.
+function openAgain(thread, root) {
+  const call = { name: 'openRoot', args: [root.path], opens: root };
+  return runOn(thread, call).then(() => settleStranded());
+}
+
+function start() {
+  const file = path.join(__dirname, 'worker.js');
+  const worker = context.runInAsyncScope(() => new Worker(file, OPTIONS));
+  const thread = { worker, roots: new Set(), own: [], current: undefined, hasAnswered: false };
+  worker.on('message', (answer) => receive(thread, answer));
+  worker.on('error', (error) => {
+    thread.error = error;
+  });
+  worker.on('messageerror', () => worker.terminate());
+  worker.on('exit', () => lose(thread));
+  if (pending === 0) worker.unref();
+  threads.add(thread);
+  for (const root of roots) openAgain(thread, root);
+}
+
+// What fs/promises uses too. Read as libuv reads it: no number counts as 0, and 0 as 1.
+function threadCount() {
+  const { UV_THREADPOOL_SIZE = USUAL_THREADS } = process.env;
+  return Math.min(Math.max(Number.parseInt(UV_THREADPOOL_SIZE, 10) || 0, 1), MOST_THREADS);
+}
+
+// Starts the threads that are missing. Returns the error that prevents it.
+function fill() {
+  if (threads.size === 0) size = threadCount();
+  try {
+    while (threads.size < size) start();
+    return undefined;
+  } catch (error) {
+    return error;
+  }
+}
+
+// A thread has ended early, for example because its heap was full.
+function lose(thread) {
+  if (!threads.delete(thread)) return;
+  const lost = failed(
+    'tarvek: the thread ended early; what the call changed is unknown',
+    thread.error,
+  );
+  for (const call of [thread.current, ...thread.own]) call?.settle(lost);
+  // A thread that never answered could not start, and its successor could not either.
+  settleStranded(thread.hasAnswered ? fill() : thread.error);
+}
+
+function stop() {
+  for (const { worker } of threads) worker.postMessage(null);
+  threads.clear();
+}
+
+// --- Calls --------------------------------------------------------------------------------------
+
+// Between `enter` and `leave`, a call keeps the process running and its root open.
+function enter(root) {
+  if (root) ++root.calls;
+  if (++pending > 1) return;
+  for (const { worker } of threads) worker.ref();
+}
+
+function leave(root) {
+  if (root && --root.calls === 0) root.drained?.();
+  if (--pending > 0) return;
+  for (const { worker } of threads) worker.unref();
+  if (roots.size === 0) stop();
+}
+
+// Rejects only if the signal aborts the call before a thread has taken it.
+function run(call) {
+  const { root, signal } = call;
+  const error = fill();
+  enter(root);
+  return new Promise((resolve, reject) => {
+    const settleBy = (settle) => (outcome) => {
+      signal?.removeEventListener('abort', abort);
+      leave(root);
+      settle(outcome);
+    };
+    const abort = () => {
+      if (take((waiting) => waiting === call)) settleBy(reject)(signal.reason);
+    };
+    call.settle = settleBy(resolve);
+    queue.push(call);
+    for (const thread of threads) feed(thread);
+    if (queue.at(-1) !== call) return;
+    signal?.addEventListener('abort', abort);
+    if (isStranded(call)) settleStranded(error);
+  });
+}
+
+// Opens a root in the thread that is free first, then the same directory in the others.
+async function open(call) {
+  const { root: above, args } = call;
+  const root = { id: ++lastId, calls: 0 };
+  enter(above);
+  try {
+    const { result: identity, ...problem } = await run({ ...call, opens: root });
+    if (problem.failure) return problem;
+    root.identity = identity;
+    root.path = above ? `${above.path}/${args[0].join('/')}` : args[0];
+    roots.add(root);
+    const others = Array.from(threads).filter(
+      (thread) => willServe(thread, above) && !willServe(thread, root),
+    );
+    const answers = others.map((thread) => runOn(thread, { ...call, opens: root }));
+    const refused = (await Promise.all(answers)).find(isRefusal);
+    if (refused) await close(root);
+    return refused ?? { result: root };
+  } finally {
+    leave(above);
+  }
+}
+
+// Waits for the calls that were made before.
+async function close(root) {
+  enter();
+  if (root.calls > 0) {
+    await new Promise((resolve) => {
+      root.drained = resolve;
+    });
+  }
+  roots.delete(root);
+  const having = Array.from(threads).filter((thread) => willServe(thread, root));
+  const answers = having.map((thread) => runOn(thread, { name: 'close', root, args: [] }));
+  const refused = (await Promise.all(answers)).find(isRefusal);
+  leave();
+  return refused ?? { result: undefined };
+}
+
+module.exports = { run, open, close };
