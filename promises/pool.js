@@ -4,8 +4,9 @@
 //
 // One pool serves all roots of the JavaScript thread that loads this file. The first `open` starts it,
 // and it ends with the last root. Each thread runs one call at a time. A call that finds no idle thread
-// waits in one queue, first come, first served: a call that was sent ahead to a busy thread would stand
-// behind the flush of another one while a thread is idle.
+// waits in one queue, first come, first served. A thread gets its next call when it is idle, or one call
+// ahead if neither of the two waits for the disk for long: a call behind a flush would stand there even
+// while other threads are idle.
 //
 // A call is { name, root, args, signal, onProgress }, and a root is a record made by `open`, which is
 // open in every thread. `run` sends a call to one thread, `open` to all of them, and `close` closes a
@@ -19,6 +20,7 @@ const { failureOf, movedWith } = require('./messages.js');
 
 const USUAL_THREADS = 4;
 const MOST_THREADS = 16;
+const BRIEF = ['exists', 'list', 'read', 'rootIdentity'];
 const OPTIONS = { env: SHARE_ENV, execArgv: [], name: 'tarvek' };
 
 // Threads start in this context. Otherwise every answer would arrive in the context of the request that
@@ -60,33 +62,39 @@ function take(fits) {
 
 const serves = (thread, root) => root === undefined || thread.roots.has(root);
 const willServe = (thread, root) =>
-  serves(thread, root) || [thread.current, ...thread.own].some((call) => call?.opens === root);
+  serves(thread, root) || [...thread.sent, ...thread.own].some(({ opens }) => opens === root);
 
-// Sends a thread its next call, unless it is busy: one of its own, or one from the queue.
+const isBrief = (call) => BRIEF.includes(call?.name);
+
+// The call that a thread should get now: one of its own, or one from the queue.
+function nextFor(thread) {
+  const { sent, own } = thread;
+  const fits = ({ root }) => serves(thread, root);
+  if (sent.length === 0) return own.shift() ?? take(fits);
+  const mayGoAhead = sent.length === 1 && isBrief(sent[0]) && isBrief(queue[head]);
+  return mayGoAhead && own.length === 0 && fits(queue[head]) ? take(fits) : undefined;
+}
+
 function feed(thread) {
-  while (thread.current === undefined) {
-    const call = thread.own.shift() ?? take(({ root }) => serves(thread, root));
-    if (call === undefined) return;
+  for (let call = nextFor(thread); call; call = nextFor(thread)) {
     const { name, root, args, opens } = call;
     const target = opens && { id: opens.id, identity: opens.identity };
-    thread.current = call;
     try {
       thread.worker.postMessage({ name, root: root?.id, args, opens: target }, movedWith(args));
+      thread.sent.push(call);
     } catch (cause) {
       // There was no memory for the message.
-      thread.current = undefined;
       call.settle({ failure: failureOf(), cause });
     }
   }
 }
 
 function receive(thread, answer) {
-  const call = thread.current;
   if ('progress' in answer) {
-    call.onProgress(answer.progress);
+    thread.sent[0].onProgress(answer.progress);
     return;
   }
-  thread.current = undefined;
+  const call = thread.sent.shift();
   thread.hasAnswered = true;
   if (call.opens && !answer.failure) thread.roots.add(call.opens);
   if (call.name === 'close') thread.roots.delete(call.root);
@@ -120,7 +128,7 @@ function openAgain(thread, root) {
 function start() {
   const file = path.join(__dirname, 'worker.js');
   const worker = context.runInAsyncScope(() => new Worker(file, OPTIONS));
-  const thread = { worker, roots: new Set(), own: [], current: undefined, hasAnswered: false };
+  const thread = { worker, roots: new Set(), sent: [], own: [], hasAnswered: false };
   worker.on('message', (answer) => receive(thread, answer));
   worker.on('error', (error) => {
     thread.error = error;
@@ -156,7 +164,7 @@ function lose(thread) {
     'tarvek: the thread ended early; what the call changed is unknown',
     thread.error,
   );
-  for (const call of [thread.current, ...thread.own]) call?.settle(lost);
+  for (const call of [...thread.sent, ...thread.own]) call.settle(lost);
   // A thread that never answered could not start, and its successor could not either.
   settleStranded(thread.hasAnswered ? fill() : thread.error);
 }

@@ -100,7 +100,10 @@ async function answer(message) {
   }
 }
 
+// A call that was sent ahead waits for the one before it.
+let last;
+
 parentPort.on('message', (message) => {
   if (message === null) parentPort.close();
-  else answer(message);
+  else last = Promise.resolve(last).then(() => answer(message));
 });
