@@ -35,7 +35,10 @@ let lastId = 0;
 
 // Without a cause: the thread has run the call, and the function failed.
 const isRefusal = ({ failure, cause }) => failure !== undefined && cause === undefined;
-const failed = (message, cause) => ({ failure: failureOf(), cause: new Error(message, { cause }) });
+const failed = (message, cause) => ({
+  failure: failureOf(),
+  cause: new Error(message, cause && { cause }),
+});
 
 // --- The queue ----------------------------------------------------------------------------------
 
@@ -56,6 +59,20 @@ function take(fits) {
     return call;
   }
   return undefined;
+}
+
+// Signals have one listener each, because a program may pass the same one to thousands of calls. It stays
+// as long as the signal.
+const watched = new WeakSet();
+
+function watch(signal) {
+  if (watched.has(signal)) return;
+  watched.add(signal);
+  const isAborted = (call) => call.signal === signal;
+  const abort = () => {
+    for (let call = take(isAborted); call; call = take(isAborted)) call.abort(signal.reason);
+  };
+  signal.addEventListener('abort', abort, { once: true });
 }
 
 // --- Threads ------------------------------------------------------------------------------------
@@ -115,7 +132,7 @@ const isStranded = ({ root }) => !Array.from(threads).some((thread) => willServe
 // Settles the calls that no thread can run any more.
 function settleStranded(cause) {
   for (let call = take(isStranded); call; call = take(isStranded)) {
-    call.settle(failed('tarvek: no thread has this root open', cause));
+    call.settle(failed('tarvek: no thread could open this root', cause));
   }
 }
 
@@ -196,19 +213,16 @@ function run(call) {
   const error = fill();
   enter(root);
   return new Promise((resolve, reject) => {
-    const settleBy = (settle) => (outcome) => {
-      signal?.removeEventListener('abort', abort);
+    const leaveAnd = (settle) => (outcome) => {
       leave(root);
       settle(outcome);
     };
-    const abort = () => {
-      if (take((waiting) => waiting === call)) settleBy(reject)(signal.reason);
-    };
-    call.settle = settleBy(resolve);
+    call.settle = leaveAnd(resolve);
+    call.abort = leaveAnd(reject);
     queue.push(call);
     for (const thread of threads) feed(thread);
     if (queue.at(-1) !== call) return;
-    signal?.addEventListener('abort', abort);
+    if (signal) watch(signal);
     if (isStranded(call)) settleStranded(error);
   });
 }
