@@ -20,9 +20,11 @@ class Root {}
 
 // The first versions of Node.js 18 do not have the symbol.
 if (Symbol.asyncDispose) {
-  Root.prototype[Symbol.asyncDispose] = function dispose() {
-    return close(this);
-  };
+  Object.defineProperty(Root.prototype, Symbol.asyncDispose, {
+    value: function dispose() {
+      return close(this);
+    },
+  });
 }
 
 function rootOf(record) {

@@ -27,6 +27,9 @@ const OPTIONS = { env: SHARE_ENV, execArgv: [], name: 'tarvek' };
 // opened the first root, and see its AsyncLocalStorage.
 const context = new AsyncResource('tarvek');
 
+// Keeps the process running while a call is pending. No thread does.
+const alive = setInterval(() => {}, 2 ** 31 - 1).unref();
+
 const threads = new Set();
 const roots = new Set();
 let size = 0;
@@ -152,15 +155,17 @@ function start() {
   });
   worker.on('messageerror', () => worker.terminate());
   worker.on('exit', () => lose(thread));
-  if (pending === 0) worker.unref();
+  worker.unref();
   threads.add(thread);
   for (const root of roots) openAgain(thread, root);
 }
 
-// What fs/promises uses too. Read as libuv reads it: no number counts as 0, and 0 as 1.
+// As many as fs/promises uses: 0 and what is no number count as 1. Deno has no such threads, and would ask
+// the user for permission to read the variable.
 function threadCount() {
-  const { UV_THREADPOOL_SIZE = USUAL_THREADS } = process.env;
-  return Math.min(Math.max(Number.parseInt(UV_THREADPOOL_SIZE, 10) || 0, 1), MOST_THREADS);
+  const wanted = process.versions.deno ? undefined : process.env.UV_THREADPOOL_SIZE;
+  if (wanted === undefined) return USUAL_THREADS;
+  return Math.min(Math.max(Number.parseInt(wanted, 10) || 0, 1), MOST_THREADS);
 }
 
 // Starts the threads that are missing. Returns the error that prevents it.
@@ -187,7 +192,7 @@ function lose(thread) {
 }
 
 function stop() {
-  for (const { worker } of threads) worker.postMessage(null);
+  for (const { worker } of threads) worker.terminate();
   threads.clear();
 }
 
@@ -196,14 +201,13 @@ function stop() {
 // Between `enter` and `leave`, a call keeps the process running and its root open.
 function enter(root) {
   if (root) ++root.calls;
-  if (++pending > 1) return;
-  for (const { worker } of threads) worker.ref();
+  if (++pending === 1) alive.ref();
 }
 
 function leave(root) {
   if (root && --root.calls === 0) root.drained?.();
   if (--pending > 0) return;
-  for (const { worker } of threads) worker.unref();
+  alive.unref();
   if (roots.size === 0) stop();
 }
 

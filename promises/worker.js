@@ -10,11 +10,11 @@
 //                thread has opened it already
 //
 // The answer is { result }, or { failure } with the code and message of an error. A function may send
-// { progress } before with `tell` of messages.js. The message null ends the thread.
+// { progress } before with `tell` of messages.js.
 
 const { parentPort } = require('node:worker_threads');
 const tarvek = require('../index.js');
-const { failureOf, pack } = require('./messages.js');
+const { failureOf, pack, release } = require('./messages.js');
 
 const TRIES = 3;
 
@@ -98,12 +98,12 @@ async function answer(message) {
   } catch (error) {
     parentPort.postMessage({ failure: failureOf(error) });
   }
+  release(message.args);
 }
 
 // A call that was sent ahead waits for the one before it.
 let last;
 
 parentPort.on('message', (message) => {
-  if (message === null) parentPort.close();
-  else last = Promise.resolve(last).then(() => answer(message));
+  last = Promise.resolve(last).then(() => answer(message));
 });
