@@ -15,13 +15,16 @@
 
 const { AsyncResource } = require('node:async_hooks');
 const path = require('node:path');
-const { SHARE_ENV, Worker } = require('node:worker_threads');
+const { Worker } = require('node:worker_threads');
 const { failureOf, movedWith } = require('./messages.js');
 
+// What a thread runs. Undefined in a bundle, where the path of this module is missing or relative.
+const FILE = path.isAbsolute(module.path ?? '') ? path.join(__dirname, 'worker.js') : undefined;
 const USUAL_THREADS = 4;
 const MOST_THREADS = 16;
 const BRIEF = ['exists', 'list', 'read', 'rootIdentity'];
-const OPTIONS = { env: SHARE_ENV, execArgv: [], name: 'tarvek' };
+// Without the environment and arguments of the program: what they preload would run in every thread.
+const OPTIONS = { env: {}, execArgv: [], name: 'tarvek' };
 
 // Threads start in this context. Otherwise every answer would arrive in the context of the request that
 // opened the first root, and see its AsyncLocalStorage.
@@ -146,8 +149,7 @@ function openAgain(thread, root) {
 }
 
 function start() {
-  const file = path.join(__dirname, 'worker.js');
-  const worker = context.runInAsyncScope(() => new Worker(file, OPTIONS));
+  const worker = context.runInAsyncScope(() => new Worker(FILE, OPTIONS));
   const thread = { worker, roots: new Set(), sent: [], own: [], hasAnswered: false };
   worker.on('message', (answer) => receive(thread, answer));
   worker.on('error', (error) => {
@@ -233,6 +235,7 @@ function run(call) {
 
 // Opens a root in the thread that is free first, then the same directory in the others.
 async function open(call) {
+  if (!FILE) throw new Error('tarvek/promises does not work in a bundle: keep tarvek external');
   const { root: above, args } = call;
   const root = { id: ++lastId, calls: 0 };
   enter(above);
