@@ -9,6 +9,7 @@ const path = require('node:path');
 const { bun, tool, run, runRefused, step } = require('./support.js');
 
 const SOURCE = 'namespace.ts';
+const PROMISES = 'promises.mjs';
 
 const esbuild = (options) =>
   require(tool('esbuild')).build({ bundle: true, platform: 'node', ...options });
@@ -26,42 +27,43 @@ const copyBinaries = {
   },
 };
 
-async function rollup(folder, file, format) {
+async function rollup(folder, source, file, format) {
   const { nodeResolve } = require(tool('@rollup/plugin-node-resolve'));
   const commonjs = require(tool('@rollup/plugin-commonjs'));
   const bundle = await require(tool('@rollup/wasm-node')).rollup({
-    input: path.join(folder, SOURCE),
+    input: path.join(folder, source),
     plugins: [nodeResolve(), commonjs({ extensions: ['.js', '.node'] }), copyBinaries],
   });
   await bundle.write({ file, format });
 }
 
-// Each creates the program in the directory `out` and returns its name.
+// Each bundles a program of `folder` into the directory `out` and returns its name there.
 const BUNDLERS = {
-  esbuild: async (folder, out) => {
+  esbuild: async (folder, out, source) => {
     const options = { outfile: path.join(out, 'app.cjs'), loader: { '.node': 'copy' } };
-    await esbuild({ entryPoints: [path.join(folder, SOURCE)], ...options });
+    await esbuild({ entryPoints: [path.join(folder, source)], ...options });
     return 'app.cjs';
   },
-  'Rollup, CommonJS': async (folder, out) => {
-    await rollup(folder, path.join(out, 'app.cjs'), 'cjs');
+  'Rollup, CommonJS': async (folder, out, source) => {
+    await rollup(folder, source, path.join(out, 'app.cjs'), 'cjs');
     return 'app.cjs';
   },
-  'Rollup, ES module': async (folder, out) => {
-    await rollup(folder, path.join(out, 'app.mjs'), 'es');
+  'Rollup, ES module': async (folder, out, source) => {
+    await rollup(folder, source, path.join(out, 'app.mjs'), 'es');
     return 'app.mjs';
   },
-  Bun: (folder, out) => {
+  Bun: (folder, out, source) => {
     const output = ['--outdir', out, '--entry-naming', 'app.mjs'];
-    run(bun, ['build', '--target=node', SOURCE, ...output], { cwd: folder });
+    run(bun, ['build', '--target=node', source, ...output], { cwd: folder });
     return 'app.mjs';
   },
-  'file tracer': async (folder, out) => {
+  'file tracer': async (folder, out, source) => {
     const { nodeFileTrace } = require(tool('@vercel/nft'));
-    const { fileList } = await nodeFileTrace([path.join(folder, 'commonjs.cjs')], { base: folder });
+    const traced = source === SOURCE ? 'commonjs.cjs' : source;
+    const { fileList } = await nodeFileTrace([path.join(folder, traced)], { base: folder });
     for (const name of fileList) fs.cpSync(path.join(folder, name), path.join(out, name));
     assert.ok(!fileList.has('node_modules/tarvek/CMakeLists.txt'), 'no more than is needed');
-    return 'commonjs.cjs';
+    return traced;
   },
 };
 
@@ -86,6 +88,12 @@ async function refuseWithoutBinary(folder, out) {
   refused();
 }
 
+async function keepExternal(folder) {
+  const outfile = path.join(folder, 'external.cjs');
+  await esbuild({ entryPoints: [path.join(folder, PROMISES)], outfile, external: ['tarvek'] });
+  assert.equal(run(process.execPath, [outfile], { cwd: folder }), 'works\n');
+}
+
 async function runBundled(folder) {
   // Beside the directory, so that nothing is found in its node_modules.
   const out = `${folder}-bundle`;
@@ -94,11 +102,15 @@ async function runBundled(folder) {
     for (const [name, bundle] of Object.entries(BUNDLERS)) {
       fs.mkdirSync(out);
       await step(`bundled, ${name}`, async () => {
-        const file = await bundle(folder, out);
+        const file = await bundle(folder, out, SOURCE);
         run(process.execPath, [path.join(out, file)], { cwd: folder });
+        const promises = await bundle(folder, out, PROMISES);
+        const printed = run(process.execPath, [path.join(out, promises)], { cwd: folder });
+        assert.match(printed, name === 'file tracer' ? /^works$/m : /keep tarvek external/);
       });
       clean();
     }
+    await step('promises, with tarvek external', () => keepExternal(folder));
     fs.mkdirSync(out);
     await step('bundled without the binary', () => refuseWithoutBinary(folder, out));
   } finally {

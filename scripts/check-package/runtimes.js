@@ -19,6 +19,8 @@ const PROGRAMS = [
   ['commonjs.cjs'],
   ['esm.mjs'],
   ['workers.cjs'],
+  ['promises.cjs'],
+  ['promises.mjs'],
   [`${EXAMPLES}/tour.js`],
   [`${EXAMPLES}/journal.js`],
   [`${EXAMPLES}/release.js`],

@@ -2,6 +2,7 @@
 
 import { capture, openRoot, read, removeIfEquals, snapshot, write } from 'tarvek';
 import { check } from 'tarvek/check';
+import * as promises from 'tarvek/promises';
 
 const root = openRoot('/srv/data');
 const bytes: Uint8Array = read(root, ['f']);
@@ -15,3 +16,6 @@ for (const { bytes } of check('data')) write(root, ['g'], bytes ?? contents[0]);
 
 // @ts-expect-error bytes are no text
 write(root, ['f'], read(root, ['g']).toString());
+
+const photo: Uint8Array = await promises.read(await promises.openRoot('/srv'), ['f']);
+await promises.write(await promises.openRoot('/srv'), ['f'], photo, {});
