@@ -10,18 +10,10 @@
 // thread. Less than that is copied with the message, which takes less time. The small files of one
 // result share blocks: 10,000 pieces of memory would take the receiver longer to unpack.
 
-const tarvek = require('../index.js');
+const { packFile, unpackFile } = require('./open-file.js');
 
 const MOVED_FROM = 16 * 1024;
 const BLOCK = 64 * 1024;
-const CODES = [
-  'PATH_OUT_OF_ROOT',
-  'NOT_FOUND',
-  'HANDLE_CLOSED',
-  'OPTIMISTIC_CONFLICT',
-  'CANDIDATE_CHANGED',
-  'FILESYSTEM_FAILURE',
-];
 
 // --- Arguments ----------------------------------------------------------------------------------
 
@@ -125,6 +117,7 @@ const isFile = ({ type }) => type === 'file';
 // The results that are not plain data. `pack` returns what is sent in their place and the memory that
 // moves with it, `unpack` makes the result again.
 const RESULTS = {
+  openFile: { pack: packFile, unpack: unpackFile },
   read: {
     pack: ({ buffer }) => [buffer, buffer.byteLength < MOVED_FROM ? [] : [buffer]],
     unpack: (memory) => Buffer.from(memory),
@@ -160,24 +153,7 @@ const RESULTS = {
   },
 };
 
-// --- Failures -----------------------------------------------------------------------------------
-
-// The synchronous function is asked for its words: they stand once, in the native module.
-function storageFailure() {
-  try {
-    return tarvek.close(undefined);
-  } catch ({ code, message }) {
-    return { code, message };
-  }
-}
-
-// What is told of an error. An error that is not of the synchronous functions could contain a path.
-function failureOf(error) {
-  const { code, message } = error ?? {};
-  return CODES.includes(code) ? { code, message } : storageFailure();
-}
-
 const pack = (name, result) => RESULTS[name]?.pack(result) ?? [result, []];
 const unpack = (name, packed) => (RESULTS[name] ? RESULTS[name].unpack(packed) : packed);
 
-module.exports = { reduceArgument, movedWith, release, pack, unpack, failureOf };
+module.exports = { reduceArgument, movedWith, release, pack, unpack };

@@ -16,7 +16,8 @@
 const { AsyncResource } = require('node:async_hooks');
 const path = require('node:path');
 const { Worker } = require('node:worker_threads');
-const { failureOf, movedWith } = require('./messages.js');
+const { failureOf } = require('./failures.js');
+const { movedWith } = require('./messages.js');
 
 // What a thread runs. Undefined in a bundle, where the path of this module is missing or relative.
 const FILE = path.isAbsolute(module.path ?? '') ? path.join(__dirname, 'worker.js') : undefined;

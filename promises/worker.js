@@ -10,16 +10,24 @@
 //                thread has opened it already
 //
 // The answer is { result }, or { failure } with the code and message of an error. A function may send
-// { progress } before with `tell` of messages.js.
+// { progress } before, by `tell`.
 
 const { parentPort } = require('node:worker_threads');
 const tarvek = require('../index.js');
-const { failureOf, pack, release } = require('./messages.js');
+const { failureOf } = require('./failures.js');
+const { removeLeftovers } = require('./leftovers.js');
+const { pack, release } = require('./messages.js');
+const { openFile, readAtMost } = require('./open-file.js');
+const { finishPublish, publishFile } = require('./publish.js');
+const { captureWithProgress } = require('./progress.js');
+const { closeRecord, openRecord } = require('./walk.js');
 
 const TRIES = 3;
 
-// What this thread has of each open root, by its id: { handle }.
+// What this thread has of each open root, by its id: a record of walk.js.
 const roots = new Map();
+
+const tell = (progress) => parentPort.postMessage({ progress });
 
 const onHandle =
   (name) =>
@@ -35,9 +43,13 @@ const functions = {
   rootIdentity: onHandle('rootIdentity'),
   exists: onHandle('exists'),
   list: onHandle('list'),
-  capture: onHandle('capture'),
+  capture: ({ handle }, paths, tells) =>
+    tells ? captureWithProgress(handle, paths, tell) : tarvek.capture(handle, paths),
   snapshot: onHandle('snapshot'),
-  read: onHandle('read'),
+  read: (root, segments, maxBytes) =>
+    maxBytes === undefined
+      ? tarvek.read(root.handle, segments)
+      : readAtMost(root, segments, maxBytes),
   write: onHandle('write'),
   create: onHandle('create'),
   append: onHandle('append'),
@@ -47,19 +59,23 @@ const functions = {
   removeIfEquals: onHandle('removeIfEquals'),
   move: onHandle('move'),
   publishVerified: onHandle('publishVerified'),
+  openFile,
+  publishFile,
+  finishPublish,
+  removeLeftovers,
 };
 
 function close(id) {
   const root = roots.get(id);
   roots.delete(id);
-  if (root) tarvek.close(root.handle);
+  if (root) closeRecord(root);
 }
 
 // The first thread that opens a root decides which directory it is.
 function openFirst(id, open) {
-  const handle = open();
-  roots.set(id, { handle });
-  return tarvek.rootIdentity(handle);
+  const root = open();
+  roots.set(id, root);
+  return tarvek.rootIdentity(root.handle);
 }
 
 // The others must find the same directory. A process that swaps directories can make single attempts
@@ -68,15 +84,15 @@ function openSame({ id, identity: { dev, ino } }, open) {
   let failure;
   for (let attempt = 0; attempt < TRIES; ++attempt) {
     try {
-      const handle = open();
-      const found = tarvek.rootIdentity(handle);
+      const root = open();
+      const found = tarvek.rootIdentity(root.handle);
       if (found.dev === dev && found.ino === ino) {
-        roots.set(id, { handle });
+        roots.set(id, root);
         return undefined;
       }
-      tarvek.close(handle);
+      closeRecord(root);
     } catch (error) {
-      failure = error;
+      failure = failureOf(error);
     }
   }
   if (failure?.code === 'FILESYSTEM_FAILURE') throw failure;
@@ -86,9 +102,11 @@ function openSame({ id, identity: { dev, ino } }, open) {
 
 function perform({ name, root, args, opens }) {
   if (name === 'close') return close(root);
-  const call = () => functions[name](roots.get(root), ...args);
+  const record = roots.get(root);
+  const call = () => functions[name](record, ...args);
   if (!opens) return call();
-  return opens.identity ? openSame(opens, call) : openFirst(opens.id, call);
+  const open = () => openRecord(call(), args[0], record);
+  return opens.identity ? openSame(opens, open) : openFirst(opens.id, open);
 }
 
 async function answer(message) {
