@@ -185,7 +185,7 @@ table('extreme depth fails without a crash and leaks no descriptor', DEEP, expec
 // The name, the function and its argument, the number and the size of the files in d, how many such
 // files fit into the free address space, and how many calls succeed at least.
 const SCARCE = [
-  ['read of 64 MiB', 'read', ['d', '0'], 1, 64 * MIB, 1.6, 1],
+  ['read of 256 MiB', 'read', ['d', '0'], 1, 256 * MIB, 1.6, 1],
   ['read of 4 MB', 'read', ['d', '0'], 1, 3_900_000, 12, 8],
   ['read of 100 KB', 'read', ['d', '0'], 1, 100_000, 50, 20],
   ['capture of 8 × 4 MB', 'capture', [['d']], 8, 3_900_000, 4.5, 0],
