@@ -11,7 +11,7 @@ const os = require('node:os');
 const path = require('node:path');
 const { getSystemErrorName } = require('node:util');
 const compile = require('./compile.js');
-const { descriptors, place, prepare, sandbox, thrownBy } = require('./harness.js');
+const { descriptors, openNumbers, place, prepare, sandbox, thrownBy } = require('./harness.js');
 const { treeOf } = require('./layouts.js');
 const tarvek = require('./tarvek.js');
 
@@ -101,7 +101,7 @@ function recordedCalls() {
 
 // If fdopendir failed, the module has left the duplicate open, as its interface requires.
 function closeLeftDuplicate(before) {
-  const left = descriptors().filter((entry) => !before.includes(entry));
+  const left = descriptors(before);
   assert.equal(left.length, 1, 'the duplicate is left open');
   fs.closeSync(parseInt(left[0], 10));
 }
@@ -122,7 +122,7 @@ function run(scenario, plan, verify) {
     ctx.stage = (stage) => note('stage', stage);
     tarvek.setTestHook(({ point, segment, index }) => note('hook', point, segment, index));
     const [operation, args] = prepare(ctx, scenario.call);
-    const open = name === 'fdopendir' ? descriptors() : [];
+    const open = name === 'fdopendir' ? openNumbers() : [];
     record[0] = 0;
     setPlan([action, first, count, ...errors, field]);
     const outcome = thrownBy(() => tarvek[operation](...args));
