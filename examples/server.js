@@ -1,255 +1,204 @@
 'use strict';
 
-// tarvek in a server. A call blocks its thread until it is done, so the calls run in a worker
-// thread here, and the main thread gets promises:
+// An upload server. PUT /NAME with the header x-sha256 stores a file, once. GET /NAME sends it.
 //
-//   const { openRoot } = require('./server.js');
-//   const root = await openRoot('/srv/app/data');
-//   const bytes = await root.read(['reports', 'today.json']);
-//   await root.close();
+//   const server = await openServer('/srv/app/data');
+//   server.listen(8080, '127.0.0.1');
 //
-// - Each root has a worker thread of its own, since a handle cannot be sent to another thread. The
-//   calls of a root run in the order in which they were made. To run calls at the same time, open
-//   the directory more than once.
-// - A Buffer passed to a call is given away: its memory is transferred to the worker, not copied,
-//   and the Buffer has length 0 afterwards. If the call fails, the error returns the bytes as
-//   `error.body`. Buffers in a result arrive in the same way. Two kinds are copied: a Buffer that
-//   shares its memory with others, such as one from Node's pool, and one below 16 KiB, since
-//   copying it is faster.
-// - The main thread still unpacks the results. Thousands of small files take noticeable time there.
-// - A failed call rejects with the code and the message that tarvek threw.
-// - `close` waits for the calls before it. A call after it rejects with HANDLE_CLOSED.
-// - A root without a pending call does not keep the process running, even if it was not closed.
-// - If the worker ends early, pending and later calls reject with WORKER_ENDED. Whether a pending
-//   call changed something is then unknown. Open the directory again and look.
-// - The stage callback of `write` cannot be passed, since functions cannot leave their thread.
-//   `openRelative`, `setTestHook` and `exchangeForTest` are not offered, and a hook set in the main
-//   thread does not reach the worker.
-// - Close the descriptor given to `publishVerified` only after the promise is settled.
+// An upload grows piece by piece in incoming/NAME. Only if the bytes on the disk have the hash that the
+// client sent, they become files/NAME, so no reader finds a part of a file. The answer 201 means that
+// everything is flushed. Other processes may change the directory meanwhile, but one server at a time
+// uses it.
 
-const { Worker, parentPort, workerData } = require('node:worker_threads');
+const { createHash } = require('node:crypto');
+const { once } = require('node:events');
+const fs = require('node:fs');
+const http = require('node:http');
+const os = require('node:os');
+const path = require('node:path');
+const { monitorEventLoopDelay } = require('node:perf_hooks');
+const { pipeline } = require('node:stream/promises');
+const tarvek = require('tarvek/promises');
 
-const CALLS = [
-  ...['rootIdentity', 'exists', 'list', 'capture', 'snapshot', 'read', 'write', 'create', 'append'],
-  ...['ensureDirectory', 'ensureRelativeSymlink', 'remove', 'removeIfEquals', 'move'],
-  'publishVerified',
-];
-// Marks the worker. If your own worker loads this file, this file treats it as a main thread.
-const ROLE = 'tarvek worker';
-// The time to transfer many Buffers at once grows with the square of their number.
-const SMALL = 16 * 1024;
-const CLOSED = { code: 'HANDLE_CLOSED', message: 'Directory handle is closed' };
+// An append waits for the disk, so a piece is large. All uploads together have this many turns, and
+// each turn takes the memory of a piece three times at most: as chunks, joined, and waiting for a thread.
+const PIECE = 2 * 2 ** 20;
+let turns = 16;
+const waiting = [];
 
-// The same value with each part of one class changed.
-function convert(value, Class, change) {
-  if (value instanceof Class) return change(value);
-  if (Array.isArray(value)) return value.map((part) => convert(part, Class, change));
-  if (value === null || typeof value !== 'object') return value;
-  const entries = Object.entries(value);
-  return Object.fromEntries(entries.map(([key, part]) => [key, convert(part, Class, change)]));
-}
-
-// Every Buffer in `value` travels as an ArrayBuffer of its own.
-function post(port, { value, ...message }) {
-  const transferred = new Set();
-  const toMemory = (bytes) => {
-    const { buffer } = bytes;
-    // A transfer takes the memory away from everything that uses a part of it.
-    const isOwner = buffer instanceof ArrayBuffer && buffer.byteLength === bytes.byteLength;
-    const memory = isOwner ? buffer : new Uint8Array(bytes).buffer;
-    if (memory.byteLength >= SMALL) transferred.add(memory);
-    return memory;
-  };
-  message.value = convert(value, Uint8Array, toMemory);
-  try {
-    port.postMessage(message, [...transferred]);
-  } catch {
-    // Some memory cannot be transferred, such as WebAssembly's. What cannot be copied throws again.
-    port.postMessage(message);
-  }
-}
-
-const received = (value) => convert(value, ArrayBuffer, (memory) => Buffer.from(memory));
-
-// --- In the worker thread -----------------------------------------------------------------------
-
-function serve(port) {
-  const tarvek = require('tarvek');
-  let root;
-
-  function run(name, args) {
-    if (name !== 'openRoot') return tarvek[name](root, ...args);
-    root = tarvek.openRoot(...args);
-    return undefined;
-  }
-
-  port.on('message', ({ id, name, value }) => {
-    const args = received(value);
-    let answer;
-    try {
-      answer = { id, value: run(name, args) };
-    } catch ({ code, message }) {
-      answer = { id, failure: { code, message }, value: args.find(Buffer.isBuffer) };
-    }
-    post(port, answer);
-  });
-}
-
-// --- In the main thread -------------------------------------------------------------------------
-
-function errorFrom({ code, message }, body) {
-  return Object.assign(new Error(message), { code }, body && { body });
-}
-
-// A worker, and a function that sends it one call and resolves to its answer.
-function startWorker() {
-  const worker = new Worker(__filename, { workerData: ROLE });
-  const pending = new Map();
-  let lastId = 0;
-  let ended;
-
-  function send(name, args) {
-    return new Promise((resolve, reject) => {
-      if (ended) throw ended;
-      const id = ++lastId;
-      post(worker, { id, name, value: args });
-      pending.set(id, { resolve, reject });
-      worker.ref();
-    });
-  }
-
-  function settle(id) {
-    const call = pending.get(id);
-    pending.delete(id);
-    // Only a pending call keeps the process running.
-    if (pending.size === 0) worker.unref();
-    return call;
-  }
-
-  function end(cause) {
-    ended ??= errorFrom({ code: 'WORKER_ENDED', message: 'the worker thread has ended' });
-    ended.cause ??= cause;
-    for (const id of [...pending.keys()]) settle(id).reject(ended);
-    // The worker still runs if one of its answers could not be received.
-    worker.terminate();
-  }
-
-  worker.on('message', (answer) => settle(answer.id)?.resolve(answer));
-  worker.on('error', end).on('messageerror', end);
-  worker.on('exit', (code) => end(new Error(`exit code ${code}`)));
-  return { worker, send };
-}
-
-async function openRoot(path) {
-  const { worker, send } = startWorker();
-  let closing;
-
-  async function call(name, ...args) {
-    const { value, failure } = await send(name, args);
-    const result = received(value);
-    // Created here and not where the answer arrives, so that its stack names the caller.
-    if (failure) throw errorFrom(failure, result);
-    // A copied object has a prototype. Remove it.
-    return name === 'snapshot' ? Object.setPrototypeOf(result, null) : result;
-  }
-
-  async function callIfOpen(name, ...args) {
-    if (closing) throw errorFrom(CLOSED);
-    return await call(name, ...args);
-  }
-
-  async function close() {
-    closing ??= call('close').finally(() => worker.terminate());
-    await closing;
-  }
-
-  try {
-    await call('openRoot', path);
-  } catch (error) {
-    await worker.terminate();
-    throw error;
-  }
-  const calls = CALLS.map((name) => [name, (...args) => callIfOpen(name, ...args)]);
-  return { ...Object.fromEntries(calls), close };
-}
-
-module.exports = { openRoot };
-
-// --- A demonstration ----------------------------------------------------------------------------
-
-const RUNS = 5;
-
-// The longest time for which a timer of 1 ms had to wait.
-async function longestBlock(work) {
-  let last = performance.now();
-  let longest = 0;
-  const tick = () => {
-    const now = performance.now();
-    longest = Math.max(longest, now - last);
-    last = now;
-  };
-  const timer = setInterval(tick, 1);
-  await work();
-  tick();
-  clearInterval(timer);
-  return longest;
-}
-
-async function medianBlock(work, root) {
-  const times = [];
-  for (let run = 0; run < RUNS; ++run) {
-    const body = Buffer.alloc(32 * 2 ** 20);
-    times.push(await longestBlock(() => work(root, body)));
-  }
-  return times.sort((a, b) => a - b)[(RUNS - 1) / 2];
-}
-
-// Each takes a root and returns what its call returns: the value itself, or a promise of it.
-const WORK = {
-  'write 32 MiB, flushed': (root, body) => root.write(['big'], body),
-  'read 32 MiB': (root) => root.read(['big']),
-  'capture 32 files of 1 MiB': (root) => root.capture([['files']]),
+const STATUS = {
+  URIError: 400,
+  PATH_OUT_OF_ROOT: 403,
+  NOT_FOUND: 404,
+  OPTIMISTIC_CONFLICT: 409,
+  CANDIDATE_CHANGED: 422,
 };
 
-// The same calls without a worker.
-function openDirectly(directory) {
-  const tarvek = require('tarvek');
-  const handle = tarvek.openRoot(directory);
-  const calls = [...CALLS, 'close'].map((name) => [
-    name,
-    (...args) => tarvek[name](handle, ...args),
-  ]);
-  return Object.fromEntries(calls);
-}
+const partOf = (name) => ['incoming', name];
+const fileOf = (name) => ['files', name];
 
-async function compare(directory) {
-  const roots = [openDirectly(directory), await openRoot(directory)];
-  console.log(`How long the main thread was blocked, median of ${RUNS}:`);
-  console.log(`${' '.repeat(34)}without a worker   with one`);
-  for (const [what, work] of Object.entries(WORK)) {
-    const cells = [];
-    for (const root of roots) cells.push(`${(await medianBlock(work, root)).toFixed(1)} ms`);
-    console.log(`  ${what.padEnd(28)}${cells[0].padStart(20)}${cells[1].padStart(11)}`);
-  }
-  await roots[1].read(['missing']).catch((error) => console.log(`An error arrives: ${error.code}`));
-  await Promise.all(roots.map((root) => root.close()));
-}
-
-async function demonstrate() {
-  const fs = require('node:fs');
-  const os = require('node:os');
-  const path = require('node:path');
-  const directory = fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-server-')));
-  try {
-    fs.mkdirSync(path.join(directory, 'files'));
-    for (let number = 0; number < 32; ++number) {
-      fs.writeFileSync(path.join(directory, 'files', String(number)), Buffer.alloc(2 ** 20));
+// A process that replaces directories makes correct calls fail. Such a call changed nothing.
+async function retry(call) {
+  for (let attempt = 1; ; ++attempt) {
+    try {
+      return await call();
+    } catch (error) {
+      if (error.code !== 'PATH_OUT_OF_ROOT' || attempt === 10) throw error;
     }
-    await compare(directory);
-  } finally {
-    fs.rmSync(directory, { recursive: true });
   }
 }
 
-if (workerData === ROLE) serve(parentPort);
-else if (require.main === module) demonstrate();
+async function inTurn(work) {
+  while (turns === 0) await new Promise((resolve) => waiting.push(resolve));
+  --turns;
+  try {
+    return await work();
+  } finally {
+    ++turns;
+    waiting.shift()?.();
+  }
+}
+
+async function nextPiece(chunks) {
+  const parts = [];
+  let size = 0;
+  while (size < PIECE) {
+    const { value, done } = await chunks.next();
+    if (done) break;
+    parts.push(value);
+    size += value.length;
+  }
+  return Buffer.concat(parts);
+}
+
+// A client that stands still keeps its turn until the server's `requestTimeout`, 5 minutes.
+async function receive(root, part, request) {
+  // If storing fails, the request stays open for the answer.
+  const chunks = request.iterator({ destroyOnReturn: false });
+  let size = 0;
+  const storeNext = async () => {
+    const piece = await nextPiece(chunks);
+    // The first piece replaces what an earlier attempt may have left.
+    if (size === 0) await retry(() => tarvek.write(root, part, piece));
+    else await retry(() => tarvek.append(root, part, size, size, piece));
+    size += piece.length;
+    return piece.length < PIECE;
+  };
+  for (let isComplete = false; !isComplete; ) isComplete = await inTurn(storeNext);
+}
+
+async function publish(root, name, sha256) {
+  const file = await retry(() => tarvek.openFile(root, partOf(name)));
+  try {
+    await retry(() => tarvek.publishFile(root, file, partOf(name), fileOf(name), { sha256 }));
+  } finally {
+    await file.close();
+  }
+}
+
+// After a failure or a crash: a file with both names keeps its final one, an unpublished part goes.
+async function settle(root, name) {
+  const finish = () => tarvek.finishPublish(root, partOf(name), fileOf(name));
+  const state = await retry(finish).catch((error) => {
+    if (error.code === 'OPTIMISTIC_CONFLICT') return 'candidate'; // its final name was taken
+    throw error;
+  });
+  if (state === 'candidate') await retry(() => tarvek.remove(root, partOf(name)));
+}
+
+async function store({ root, uploading }, name, request) {
+  const { 'x-sha256': sha256 } = request.headers;
+  if (!/^[0-9a-f]{64}$/i.test(sha256)) return 400;
+  if (await retry(() => tarvek.exists(root, fileOf(name)))) return 409;
+  if (uploading.has(name)) return 409;
+  uploading.add(name);
+  try {
+    await receive(root, partOf(name), request);
+    await publish(root, name, sha256);
+    return 201;
+  } catch (error) {
+    // What cannot be settled now is settled at the next start.
+    await settle(root, name).catch(console.error);
+    throw error;
+  } finally {
+    uploading.delete(name);
+  }
+}
+
+async function send(root, name, response) {
+  const file = await retry(() => tarvek.openFile(root, fileOf(name)));
+  try {
+    const { size } = await file.stat();
+    response.writeHead(200, { 'content-length': size, 'content-type': 'application/octet-stream' });
+    if (size === 0) response.end();
+    else await pipeline(file.createReadStream({ end: size - 1 }), response);
+  } finally {
+    await file.close();
+  }
+}
+
+async function answer(site, request, response) {
+  const name = decodeURIComponent(request.url.slice(1));
+  if (request.method === 'GET') await send(site.root, name, response);
+  else response.writeHead(request.method === 'PUT' ? await store(site, name, request) : 405).end();
+}
+
+function fail(error, response) {
+  const status = STATUS[error.code ?? error.name] ?? 500;
+  if (status === 500) console.error(error);
+  // After a part of a file, only a broken connection tells the client that the rest is missing.
+  if (response.headersSent) response.destroy();
+  else response.writeHead(status).end();
+}
+
+async function recover(root) {
+  for (const top of ['incoming', 'files']) await retry(() => tarvek.ensureDirectory(root, [top]));
+  // No `write` of this server runs yet.
+  await retry(() => tarvek.removeLeftovers(root, ['incoming'], { olderThan: 0 }));
+  for (const name of await retry(() => tarvek.list(root, ['incoming']))) {
+    // Another process can put anything there. That must not prevent the start.
+    await settle(root, name).catch(({ code }) => console.error(JSON.stringify(name), code));
+  }
+}
+
+async function openServer(directory) {
+  const root = await tarvek.openRoot(fs.realpathSync(directory));
+  await recover(root);
+  const site = { root, uploading: new Set() };
+  const server = http.createServer((request, response) => {
+    answer(site, request, response).catch((error) => fail(error, response));
+  });
+  return server.on('close', () => tarvek.close(root));
+}
+
+module.exports = { openServer };
+
+async function demonstrate(server) {
+  await once(server.listen(0, '127.0.0.1'), 'listening');
+  const at = `http://127.0.0.1:${server.address().port}/`;
+  const body = Buffer.alloc(2 ** 20, 'a');
+  const headers = { 'x-sha256': createHash('sha256').update(body).digest('hex') };
+  const put = (name, other) => fetch(at + name, { method: 'PUT', body, headers, ...other });
+
+  const delay = monitorEventLoopDelay();
+  delay.enable();
+  const start = performance.now();
+  await Promise.all(Array.from({ length: 64 }, (_, number) => put(`file-${number}`)));
+  console.log(`64 uploads of 1 MiB at once: ${(performance.now() - start).toFixed(0)} ms`);
+  console.log(`Longest block of the main thread: ${(delay.max / 1e6).toFixed(0)} ms`);
+  delay.disable();
+
+  const bytes = await (await fetch(`${at}file-7`)).arrayBuffer();
+  console.log(`The same bytes come back: ${body.equals(Buffer.from(bytes))}`);
+  const calls = [put('file-7'), put('new', { body: 'other' }), put('..%2Fnew'), fetch(`${at}new`)];
+  const [taken, wrong, outside, missing] = (await Promise.all(calls)).map(({ status }) => status);
+  console.log('Taken:', taken, 'wrong hash:', wrong, 'outside:', outside, 'missing:', missing);
+  server.close();
+  server.closeAllConnections();
+}
+
+if (require.main === module) {
+  const directory = fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-server-'));
+  const remove = () => fs.rmSync(directory, { recursive: true });
+  openServer(directory).then(demonstrate).finally(remove);
+}
