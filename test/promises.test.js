@@ -230,7 +230,10 @@ const CASES = {
       collect();
       return process.memoryUsage().heapUsed;
     };
-    assert.deepEqual(new Set(await run()), new Set(['PATH_OUT_OF_ROOT']));
+    // The first rounds also compile.
+    for (let round = 0; round < 10; ++round) {
+      assert.deepEqual(new Set(await run()), new Set(['PATH_OUT_OF_ROOT']));
+    }
     const before = await heap();
     for (let round = 0; round < 10; ++round) await run();
     assert.ok((await heap()) - before < CALLS * 10, 'less than ten bytes for each call');
