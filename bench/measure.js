@@ -90,4 +90,4 @@ function measure(runners, medium, { seconds, milliseconds, warmUp, collectBefore
   }));
 }
 
-module.exports = { measure, median };
+module.exports = { collectGarbage, measure, median };

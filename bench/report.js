@@ -36,6 +36,13 @@ const TARGETS = [
   ['peak memory of read, 256 MiB', 'its payload', 1.05, named(/^peak memory of read/)],
   ['peak memory of capture, 1 GiB', 'its payload', 1.05, named(/^peak memory of capture/)],
   ['peak memory of snapshot, 1 GiB', 'its payload', 1.05, named(/^peak memory of snapshot/)],
+  ['200 writes of 1 MiB at once', 'fs/promises', 1.05, named(/^200 writes/)],
+  ['1,000 writes of 4 KiB at once', 'fs/promises', 1.05, named(/^1,000 writes/)],
+  ['2,000 reads of 1 KiB', 'fs/promises', 0.6, named(/^2,000 reads/)],
+  ['64 reads of 8 MiB at once', 'fs/promises', 1.3, named(/^64 reads/)],
+  ['capture of 10,000, longest block', 'synchronous call', 0.1, named(/^capture .* block/)],
+  ['write of 32 MiB, longest block', 'synchronous call', 0.2, named(/^write .* block/)],
+  ['memory of a thread', '10 MiB', 1, named(/^memory of a thread/)],
 ];
 
 const range = ({ median, low, high }) =>

@@ -76,7 +76,15 @@ async function peakMemory({ operation, payload, layout }, base) {
   return { ratios: { 'its payload': median(ratios) } };
 }
 
+async function promises({ name, other, layout }, base) {
+  writeTree(base, layout());
+  return {
+    ratios: { [other]: await runNode('promises.js', JSON.stringify({ name, base, quick })) },
+  };
+}
+
 function run(workload, base) {
+  if (workload.kind === 'promises') return promises(workload, base);
   if (workload.kind === 'memory') return peakMemory(workload, base);
   const { name, medium } = workload;
   return runNode('measure-workload.js', JSON.stringify({ name, medium, base, quick, against }));

@@ -13,7 +13,8 @@
 //   shared                  its calls only read, and all subjects use one tree
 //
 // A workload of kind 'memory' has no calls and no subjects: its `payload` is the number of bytes
-// that the result holds, and the peak of the process's memory is compared with that.
+// that the result holds, and the peak of the process's memory is compared with that. The calls of kind
+// 'promises' are in promises.js, and `other` is what they are compared with.
 
 const fs = require('node:fs');
 
@@ -125,6 +126,22 @@ const peakMemory = (operation, size, payload, content) => ({
   ...{ medium: 'memory', layout: () => ({ leaf: content() }) },
 });
 
+// Name, what it is compared with, content of the leaf.
+const PROMISES = [
+  ['200 writes of 1 MiB at once', 'fs/promises', () => ({})],
+  ['1,000 writes of 4 KiB at once', 'fs/promises', () => ({})],
+  ['2,000 reads of 1 KiB in turn', 'fs/promises', () => ({ 0: filled(KIB) })],
+  ['2,000 reads of 1 KiB at once', 'fs/promises', () => ({ 0: filled(KIB) })],
+  ['64 reads of 8 MiB at once', 'fs/promises', () => numbered(64, '', filled(8 * MIB))],
+  ['capture of 10,000 files, longest block', 'synchronous call', () => tree(10_000, KIB)],
+  ['write of 32 MiB, longest block', 'synchronous call', () => ({})],
+  ['memory of a thread', '10 MiB', () => ({})],
+];
+const ofPromises = ([name, other, content]) => ({
+  ...{ name, other, operation: 'promises', kind: 'promises', level: 1, medium: 'disk' },
+  layout: () => ({ leaf: content() }),
+});
+
 function workloads(quick) {
   const onDisk = ([name]) => ['write', 'create', 'append', 'move'].includes(name);
   const inMemory = [...REPEATED, ...ONCE];
@@ -147,6 +164,7 @@ function workloads(quick) {
       onLeaf(`${operation} of 1,000 files of 64 KiB`, () => tree(1000, 64 * KIB)),
       onLeaf(`${operation} of 200 files of 1 MiB`, () => tree(200, MIB)),
     ]),
+    ...PROMISES.map(ofPromises),
     peakMemory('read', '256 MiB', 256 * MIB, () => filled(256 * MIB)),
     peakMemory('capture', '1 GiB', 1024 * MIB, () => tree(1024, MIB)),
     peakMemory('snapshot', '1 GiB', 1024 * MIB, () => tree(1024, MIB)),
