@@ -27,6 +27,7 @@ let turns = 16;
 const waiting = [];
 
 const STATUS = {
+  ECONNRESET: 400, // the client has gone
   URIError: 400,
   PATH_OUT_OF_ROOT: 403,
   NOT_FOUND: 404,
@@ -98,12 +99,19 @@ async function publish(root, name, sha256) {
 
 // After a failure or a crash: a file with both names keeps its final one, an unpublished part goes.
 async function settle(root, name) {
-  const finish = () => tarvek.finishPublish(root, partOf(name), fileOf(name));
-  const state = await retry(finish).catch((error) => {
-    if (error.code === 'OPTIMISTIC_CONFLICT') return 'candidate'; // its final name was taken
-    throw error;
-  });
-  if (state === 'candidate') await retry(() => tarvek.remove(root, partOf(name)));
+  try {
+    const state = await retry(() => tarvek.finishPublish(root, partOf(name), fileOf(name)));
+    if (state !== 'candidate') return;
+  } catch (error) {
+    // Another file has the final name. Then the part is not needed.
+    if (error.code !== 'OPTIMISTIC_CONFLICT') throw error;
+  }
+  await retry(() => tarvek.remove(root, partOf(name)));
+}
+
+// Another process can put anything in the way. That must not stop the server. The next start tries again.
+async function settleIfPossible(root, name) {
+  await settle(root, name).catch((error) => console.error(JSON.stringify(name), error));
 }
 
 async function store({ root, uploading }, name, request) {
@@ -117,8 +125,7 @@ async function store({ root, uploading }, name, request) {
     await publish(root, name, sha256);
     return 201;
   } catch (error) {
-    // What cannot be settled now is settled at the next start.
-    await settle(root, name).catch(console.error);
+    await settleIfPossible(root, name);
     throw error;
   } finally {
     uploading.delete(name);
@@ -156,8 +163,7 @@ async function recover(root) {
   // No `write` of this server runs yet.
   await retry(() => tarvek.removeLeftovers(root, ['incoming'], { olderThan: 0 }));
   for (const name of await retry(() => tarvek.list(root, ['incoming']))) {
-    // Another process can put anything there. That must not prevent the start.
-    await settle(root, name).catch(({ code }) => console.error(JSON.stringify(name), code));
+    await settleIfPossible(root, name);
   }
 }
 
