@@ -72,7 +72,7 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
 }
 
 const NEAR = ['a', 'b', 'c'];
-const FAR = ['d', 'e'];
+const FAR = ['d', 'e', 'g'];
 
 // Every scenario on entries in the root and in directories below it, with and without these.
 const scenarios = fromEach(({ scenarios: rows = {} }) =>
