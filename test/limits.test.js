@@ -95,7 +95,7 @@ function roundOf(ctx) {
   return calls;
 }
 
-// A hook that is large enough to be missed when the module keeps it.
+// A hook whose memory shows if the module keeps it.
 function makeHook() {
   const hook = ({ segment }) => {
     if (segment === 'hooked/big') throw { code: 'thrown by the hook' };
