@@ -161,6 +161,7 @@ function start() {
   worker.unref();
   threads.add(thread);
   for (const root of roots) openAgain(thread, root);
+  feed(thread);
 }
 
 // As many as fs/promises uses: 0 and what is no number count as 1. Deno has no such threads, and would ask

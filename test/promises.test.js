@@ -269,6 +269,15 @@ test('UV_THREADPOOL_SIZE is the number of threads, up to 16', async () => {
   delete process.env.UV_THREADPOOL_SIZE;
 });
 
+test('a call that waits for the only thread goes on in the next one', async () => {
+  process.env.UV_THREADPOOL_SIZE = '1';
+  beforeMessage = ({ args }, thread) => args[0] === '/fatal' && thread.terminate();
+  const calls = ['/none', '/fatal', '/none'].map((at) => tarvek.openRoot(at));
+  assert.deepEqual(await outcomes(calls), ['NOT_FOUND', 'FILESYSTEM_FAILURE', 'NOT_FOUND']);
+  beforeMessage = () => {};
+  delete process.env.UV_THREADPOOL_SIZE;
+});
+
 const open = `require('${require.resolve('tarvek/promises')}').openRoot('${os.tmpdir()}')`;
 const print = `${open}.then(() => console.log('open'))`;
 const thread = `new (require('node:worker_threads').Worker)(${JSON.stringify(print)}, { eval: true })`;
