@@ -8,10 +8,11 @@
 // The archive is a sequence of records: the length of a header in four bytes, the header as JSON, and
 // the content. The header of an entry is { path, type, mode, size }. The last header, { count, sha256 },
 // counts the entries and hashes all bytes before it. So `restore` finds out that an archive is damaged
-// or incomplete before it writes. It replaces nothing: what exists makes it fail.
+// or incomplete before it writes. It replaces nothing: a file that exists makes it fail.
 //
 // `save` holds one entry of DIRECTORY in memory at a time, with everything below it. An entry is
-// consistent in itself, but entries are read one after the other. The mode of DIRECTORY is not saved.
+// consistent in itself, but entries are read one after the other. The mode of DIRECTORY is not saved. A
+// symlink or a file with a second hard link makes it fail; `npx tarvek check DIRECTORY` finds them.
 
 const { createHash } = require('node:crypto');
 const fs = require('node:fs');
@@ -77,7 +78,7 @@ function parseHeader(text) {
     const header = JSON.parse(text);
     const { path: name, type, mode, size, sha256 } = header;
     const isEntry = typeof name === 'string' && ['file', 'directory'].includes(type);
-    if (sha256 || (isEntry && mode === (mode & 0o777) && size >= 0)) return header;
+    if (sha256 || (isEntry && mode === (mode & 0o777) && Number.isSafeInteger(size))) return header;
   } catch {}
   throw damaged();
 }
@@ -90,7 +91,7 @@ async function* readArchive(archive) {
 
   async function take(length) {
     // A wrong length must not take the memory.
-    if (length > end - position) throw damaged();
+    if (length < 0 || length > end - position) throw damaged();
     const bytes = Buffer.alloc(length);
     for (let count = 0; count < length; ) {
       const { bytesRead } = await archive.read(bytes, count, length - count, position);
@@ -147,7 +148,14 @@ async function save(directory, file) {
   const { root, names } = await openTree(directory);
   try {
     const archive = await open(file, 'wx', 0o600);
-    await writeArchive(archive, recordsOf(root, names)).finally(() => archive.close());
+    try {
+      await writeArchive(archive, recordsOf(root, names));
+    } catch (error) {
+      fs.unlinkSync(file);
+      throw error;
+    } finally {
+      await archive.close();
+    }
     // The name of the archive.
     const parent = await open(path.dirname(file));
     await parent.sync().finally(() => parent.close());
