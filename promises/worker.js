@@ -16,7 +16,7 @@ const { parentPort } = require('node:worker_threads');
 const tarvek = require('../index.js');
 const { failureOf } = require('./failures.js');
 const { removeLeftovers } = require('./leftovers.js');
-const { pack, release } = require('./messages.js');
+const { pack, release, restoreArgument } = require('./messages.js');
 const { openFile, readAtMost } = require('./open-file.js');
 const { finishPublish, publishFile } = require('./publish.js');
 const { captureWithProgress } = require('./progress.js');
@@ -103,7 +103,7 @@ function openSame({ id, identity: { dev, ino } }, open) {
 function perform({ name, root, args, opens }) {
   if (name === 'close') return close(root);
   const record = roots.get(root);
-  const call = () => functions[name](record, ...args);
+  const call = () => functions[name](record, ...args.map(restoreArgument));
   if (!opens) return call();
   const open = () => openRecord(call(), args[0], record);
   return opens.identity ? openSame(opens, open) : openFirst(opens.id, open);
