@@ -64,10 +64,10 @@ function readOptions(given = {}, known) {
   throw failure('storage');
 }
 
-// As that of a closed FileHandle if it is none.
+// As that of a closed FileHandle if it is none: the native module cuts numbers to 32 bits.
 function descriptorOf(file) {
   const descriptor = file?.fd;
-  return Number.isInteger(descriptor) ? descriptor : -1;
+  return Number.isInteger(descriptor) && descriptor >= 0 ? descriptor : -1;
 }
 
 // Calls back in the context of the call. What the callback throws waits until the call has ended.

@@ -10,6 +10,8 @@
 // thread. Less than that is copied with the message, which takes less time. The small files of one
 // result share blocks: 10,000 pieces of memory would take the receiver longer to unpack.
 
+const { isProxy } = require('node:util').types;
+const { failure } = require('./failures.js');
 const { packFile, unpackFile } = require('./open-file.js');
 
 const MOVED_FROM = 16 * 1024;
@@ -31,7 +33,13 @@ function lengthOf(view) {
 function copyOf(view) {
   const length = lengthOf(view);
   if (length === 0) return new ArrayBuffer(0);
-  return new Uint8Array(view.buffer, view.byteOffset, length).slice().buffer;
+  const bytes = new Uint8Array(view.buffer, view.byteOffset, length);
+  try {
+    return bytes.slice().buffer;
+  } catch {
+    // There is no memory for the copy.
+    throw failure('storage');
+  }
 }
 
 // Reads each element once, up to the first that cannot be part of a path: an array can claim a length
@@ -45,13 +53,15 @@ function reduceArray(array, reduceElement) {
   return reduced;
 }
 
+// The native module refuses a Proxy of an array.
+const isArray = (value) => Array.isArray(value) && !isProxy(value);
+
 const reduceName = (value) => (typeof value === 'string' ? value : null);
-const reducePath = (value) =>
-  Array.isArray(value) ? reduceArray(value, reduceName) : reduceName(value);
+const reducePath = (value) => (isArray(value) ? reduceArray(value, reduceName) : reduceName(value));
 
 function reduceArgument(value) {
   if (typeof value === 'string' || typeof value === 'number') return value;
-  if (Array.isArray(value)) return reduceArray(value, reducePath);
+  if (isArray(value)) return reduceArray(value, reducePath);
   return ArrayBuffer.isView(value) ? copyOf(value) : null;
 }
 
