@@ -43,11 +43,13 @@ function closeRecord(record) {
 
 const isFunction = (value) => typeof value === 'function';
 const isAmount = (value) => Number.isFinite(value) && value >= 0;
+const isSignal = (value) =>
+  isFunction(value?.addEventListener) && isFunction(value.removeEventListener);
 const orLeftOut = (isValid) => (value) => value === undefined || isValid(value);
 
 // The values that each option accepts.
 const OPTIONS = {
-  signal: orLeftOut((value) => isFunction(value?.addEventListener)),
+  signal: orLeftOut(isSignal),
   maxBytes: orLeftOut(isAmount),
   onProgress: orLeftOut(isFunction),
   olderThan: isAmount,

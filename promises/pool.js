@@ -49,37 +49,68 @@ const failed = (message, cause) => ({
 
 // --- The queue ----------------------------------------------------------------------------------
 
+// Places in the order of arrival, { call } each. A place is empty when its call has left: one in the
+// middle if its signal aborts it. Less than half of the places are empty.
 let queue = [];
 let head = 0;
+let waiting = 0;
+
+const isFilled = ({ call }) => call !== undefined;
+const first = () => queue[head]?.call;
+
+// Returns the place.
+function enqueue(call) {
+  const place = { call };
+  queue.push(place);
+  ++waiting;
+  return place;
+}
+
+// Returns the call that had the place.
+function vacate(place) {
+  const { call } = place;
+  place.call = undefined;
+  if (--waiting * 2 <= queue.length) {
+    queue = queue.filter(isFilled);
+    head = 0;
+  }
+  while (head < queue.length && !isFilled(queue[head])) ++head;
+  if (call.signal) unwatch(place, call.signal);
+  return call;
+}
 
 // Removes and returns the first waiting call that `fits`, usually the one at the head.
 function take(fits) {
   for (let index = head; index < queue.length; ++index) {
-    const call = queue[index];
-    if (call === undefined || !fits(call)) continue;
-    queue[index] = undefined;
-    while (head < queue.length && queue[head] === undefined) ++head;
-    if (head * 2 >= queue.length) {
-      queue = queue.slice(head);
-      head = 0;
-    }
-    return call;
+    const place = queue[index];
+    if (isFilled(place) && fits(place.call)) return vacate(place);
   }
   return undefined;
 }
 
-// Signals have one listener each, because a program may pass the same one to thousands of calls. It stays
-// as long as the signal.
-const watched = new WeakSet();
+// The places of the calls that wait, by their signal. A signal has one listener, because a program may
+// pass the same one to thousands of calls, and only while one of them waits: the runtime keeps a signal
+// of AbortSignal.any() as long as it has a listener.
+const watched = new Map();
 
-function watch(signal) {
-  if (watched.has(signal)) return;
-  watched.add(signal);
-  const isAborted = (call) => call.signal === signal;
-  const abort = () => {
-    for (let call = take(isAborted); call; call = take(isAborted)) call.abort(signal.reason);
-  };
-  signal.addEventListener('abort', abort, { once: true });
+function abort({ target }) {
+  for (const place of watched.get(target) ?? []) vacate(place).abort(target.reason);
+}
+
+function watch(place, signal) {
+  if (!watched.has(signal)) {
+    signal.addEventListener('abort', abort);
+    watched.set(signal, new Set());
+  }
+  watched.get(signal).add(place);
+}
+
+function unwatch(place, signal) {
+  const places = watched.get(signal);
+  // Most calls never wait.
+  if (!places?.delete(place) || places.size > 0) return;
+  watched.delete(signal);
+  signal.removeEventListener('abort', abort);
 }
 
 // --- Threads ------------------------------------------------------------------------------------
@@ -95,8 +126,8 @@ function nextFor(thread) {
   const { sent, own } = thread;
   const fits = ({ root }) => serves(thread, root);
   if (sent.length === 0) return own.shift() ?? take(fits);
-  const mayGoAhead = sent.length === 1 && isBrief(sent[0]) && isBrief(queue[head]);
-  return mayGoAhead && own.length === 0 && fits(queue[head]) ? take(fits) : undefined;
+  const mayGoAhead = sent.length === 1 && isBrief(sent[0]) && isBrief(first());
+  return mayGoAhead && own.length === 0 && fits(first()) ? take(fits) : undefined;
 }
 
 function feed(thread) {
@@ -138,8 +169,9 @@ const isStranded = ({ root }) => !Array.from(threads).some((thread) => willServe
 
 // Settles the calls that no thread can run any more.
 function settleStranded(cause) {
-  for (let call = take(isStranded); call; call = take(isStranded)) {
-    call.settle(failed('tarvek: no thread could open this root', cause));
+  const stranded = queue.filter((place) => isFilled(place) && isStranded(place.call));
+  for (const place of stranded) {
+    vacate(place).settle(failed('tarvek: no thread could open this root', cause));
   }
 }
 
@@ -190,9 +222,10 @@ function lose(thread) {
     'tarvek: the thread ended early; what the call changed is unknown',
     thread.error,
   );
-  for (const call of [...thread.sent, ...thread.own]) call.settle(lost);
   // A thread that never answered could not start, and its successor could not either.
-  settleStranded(thread.hasAnswered ? fill() : thread.error);
+  const error = thread.hasAnswered ? fill() : thread.error;
+  for (const call of [...thread.sent, ...thread.own]) call.settle(lost);
+  settleStranded(error);
 }
 
 function stop() {
@@ -227,10 +260,10 @@ function run(call) {
     };
     call.settle = leaveAnd(resolve);
     call.abort = leaveAnd(reject);
-    queue.push(call);
+    const place = enqueue(call);
     for (const thread of threads) feed(thread);
-    if (queue.at(-1) !== call) return;
-    if (signal) watch(signal);
+    if (!isFilled(place)) return;
+    if (signal) watch(place, signal);
     if (isStranded(call)) settleStranded(error);
   });
 }
