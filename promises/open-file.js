@@ -11,7 +11,7 @@ const { open } = require('node:fs/promises');
 const { MessageChannel } = require('node:worker_threads');
 const tarvek = require('../index.js');
 const { errorOf, failure, failureOf } = require('./failures.js');
-const { below, sameIdentity, statOf, isSoleFile, look, inParent } = require('./walk.js');
+const { below, sameIdentity, statOf, isSoleFile, look, keepIf, inParent } = require('./walk.js');
 
 const { O_NOFOLLOW, O_NONBLOCK, O_RDONLY } = fs.constants;
 const { bun, deno } = process.versions;
@@ -27,11 +27,11 @@ function openVerified(root, segments) {
     if (!isSoleFile(named)) throw failure('outside');
     // Without O_NONBLOCK, a FIFO that takes the file's place would block here.
     const file = fs.openSync(below(parent, name), O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
-    const opened = statOf(file);
-    // A file that was just removed has no link, and `read` still reads it.
-    if (opened.isFile() && opened.nlink < 2n && sameIdentity(opened, named)) return file;
-    fs.closeSync(file);
-    throw failure('outside');
+    return keepIf(file, (opened) => {
+      // A file that was just removed has no link, and `read` still reads it.
+      const isSame = opened.isFile() && opened.nlink < 2n && sameIdentity(opened, named);
+      if (!isSame) throw failure('outside');
+    });
   });
 }
 

@@ -57,11 +57,23 @@ function walk(start, names) {
   }, start);
 }
 
+// Returns the descriptor if `check` returns. If it throws, closes the descriptor: the status of a file
+// on a remote file system can be out of reach.
+function keepIf(descriptor, check) {
+  try {
+    check(statOf(descriptor));
+    return descriptor;
+  } catch (error) {
+    fs.closeSync(descriptor);
+    throw error;
+  }
+}
+
 // Returns the descriptor, or closes it and throws if it is not the directory of the handle.
 function heldAgainst(handle, directory) {
-  if (sameIdentity(statOf(directory), tarvek.rootIdentity(handle))) return directory;
-  fs.closeSync(directory);
-  throw failure('outside');
+  return keepIf(directory, (stat) => {
+    if (!sameIdentity(stat, tarvek.rootIdentity(handle))) throw failure('outside');
+  });
 }
 
 // A descriptor of the directory of a new root, which the names lead to from that of `above` or from
@@ -148,6 +160,7 @@ module.exports = {
   statOf,
   isSoleFile,
   look,
+  keepIf,
   openDirectory,
   openRecord,
   closeRecord,
