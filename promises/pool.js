@@ -49,8 +49,8 @@ const failed = (message, cause) => ({
 
 // --- The queue ----------------------------------------------------------------------------------
 
-// Places in the order of arrival, { call } each. A place is empty when its call has left: one in the
-// middle if its signal aborts it. Less than half of the places are empty.
+// Places in the order of arrival, { call } each. A call leaves its place empty: usually the one at the
+// head, and one in the middle when its signal aborts it. Less than half of the places are empty.
 let queue = [];
 let head = 0;
 let waiting = 0;
