@@ -72,7 +72,7 @@ const damaged = () => new Error('the archive is damaged or incomplete');
 const replaced = () =>
   Object.assign(new Error('a directory was replaced'), { code: 'PATH_OUT_OF_ROOT' });
 
-// Whoever made the archive chose the header. A mode must not contain more than permissions.
+// The header can be forged. A mode must not contain more than permissions.
 function parseHeader(text) {
   try {
     const header = JSON.parse(text);

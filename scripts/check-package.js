@@ -29,7 +29,7 @@ const CONTENTS = [
   /^(README|CHANGELOG|CONTRIBUTING|SECURITY)\.md$/,
   /^docs\/(\w+\.md|performance\.svg)$/,
   /^(index\.js|index\.d\.ts|load\.js)$/,
-  /^(check|promises)\/(\w+\.js|index\.d\.ts)$/,
+  /^(check|promises)\/([\w-]+\.js|index\.d\.ts)$/,
   /^addon\/(\w+\.(cc|h)|exports\.map)$/,
   /^(confine|tree)\/\w+\.(cc|h)$/,
   /^ops\/\w+\.cc$/,
