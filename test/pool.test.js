@@ -1,0 +1,207 @@
+'use strict';
+
+// The threads of tarvek/promises: the order of calls, roots that are open in several threads, and
+// threads that end.
+
+const assert = require('node:assert/strict');
+const { AsyncLocalStorage } = require('node:async_hooks');
+const { spawnSync } = require('node:child_process');
+const fs = require('node:fs');
+const test = require('node:test');
+const { setTimeout: sleep } = require('node:timers/promises');
+const { setFlagsFromString } = require('node:v8');
+const { runInNewContext } = require('node:vm');
+const threads = require('node:worker_threads');
+
+setFlagsFromString('--expose-gc');
+const collect = runInNewContext('gc');
+
+// The threads that run, each with the names of the calls that it has not answered. A test can act
+// before a message is sent, and limit the heap of new threads.
+const { Worker } = threads;
+const running = new Set();
+let beforeMessage = () => {};
+let resourceLimits;
+threads.Worker = class extends Worker {
+  constructor(file, options) {
+    super(file, { ...options, resourceLimits });
+    this.unanswered = [];
+    running.add(this);
+    this.on('message', () => this.unanswered.shift());
+    this.on('exit', () => running.delete(this));
+  }
+
+  postMessage(message, moved) {
+    beforeMessage(message, this);
+    this.unanswered.push(message.name);
+    super.postMessage(message, moved);
+  }
+};
+const promises = require('../promises/index.js');
+const { inRoot, keeper, outcomeOf } = require('./support/async-root.js');
+const { descriptors, expectOutcome, place } = require('./support/harness.js');
+
+const { close, exists, openRoot, write } = promises;
+const MIB = Buffer.alloc(2 ** 20, 'm');
+const CALLS = process.env.TARVEK_TEST_FULL ? 10_000 : 1000;
+const times = (count, make) => Promise.all(Array.from({ length: count }, (_, n) => make(n)));
+const isOver = (thread) => !running.has(thread);
+
+async function until(holds, what) {
+  for (const end = Date.now() + 20_000; !holds(); await sleep(5)) assert.ok(Date.now() < end, what);
+}
+
+// Runs `body` on a root. Afterwards, every thread has ended and every descriptor is closed.
+async function inPool(body) {
+  await close(await keeper);
+  await until(() => running.size === 0, 'threads remain');
+  const before = descriptors().length;
+  await body();
+  beforeMessage = () => {};
+  delete process.env.UV_THREADPOOL_SIZE;
+  await until(() => running.size === 0, 'threads remain');
+  assert.ok(descriptors().length <= before, 'descriptors remain');
+}
+
+const CASES = {
+  'calls run at the same time, and none is sent to a thread that flushes': async (root) => {
+    let busiest = 0;
+    beforeMessage = (_, { unanswered }) => {
+      assert.ok(['', 'exists'].includes(unanswered.join()), unanswered.join());
+      const busy = Array.from(running).filter((thread) => thread.unanswered.length > 0);
+      busiest = Math.max(busiest, busy.length);
+    };
+    await times(40, (n) => (n % 3 ? exists(root, [`${n}`]) : write(root, [`${n}`], MIB)));
+    assert.equal(busiest, 4);
+  },
+  'close waits for the calls before it, on this root only': async (root) => {
+    await promises.ensureDirectory(root, ['d']);
+    const inner = await promises.openRelative(root, ['d']);
+    const writes = times(9, (n) => write(root, [`${n}`], MIB));
+    const closings = [close(root), close(root)];
+    expectOutcome('closed', await outcomeOf(promises.read(root, ['8'])));
+    await Promise.all(closings);
+    assert.equal(fs.statSync(place.at('8')).size, MIB.length);
+    await writes;
+    assert.equal(await exists(inner, ['x']), false);
+    await inner[Symbol.asyncDispose]();
+    expectOutcome('closed', await outcomeOf(exists(inner, ['x'])));
+  },
+  'a root that threads find at different places is not opened': async () => {
+    let opened = 0;
+    beforeMessage = ({ opens }) => {
+      if (!opens?.identity || ++opened > 1) return;
+      fs.renameSync(place.root, `${place.base}/elsewhere`);
+      fs.mkdirSync(place.root);
+    };
+    expectOutcome('outside', await outcomeOf(openRoot(place.root)));
+    assert.equal(opened, 3, 'after the first thread');
+  },
+  'a thread that ends early fails its call, and no other': async (root) => {
+    beforeMessage = ({ name }, thread) => name === 'write' && thread.terminate();
+    const { thrown } = await outcomeOf(write(root, ['f'], MIB));
+    assert.deepEqual({ ...thrown }, { code: 'FILESYSTEM_FAILURE' });
+    assert.match(thrown.cause.message, /ended early; what the call changed is unknown/);
+    assert.match(thrown.stack, /pool\.test\.js/);
+    // New threads do not find the root at its path. Only the first one still has it.
+    fs.renameSync(place.root, `${place.base}/elsewhere`);
+    const [first, ...others] = running;
+    for (const thread of others) thread.terminate();
+    await until(() => others.every(isOver), 'they run');
+    await times(50, () => exists(root, ['f']));
+    assert.equal(running.size, 4, 'new threads run');
+    first.terminate();
+    await until(() => isOver(first), 'it runs');
+    const lost = await outcomeOf(exists(root, ['f']));
+    assert.match(lost.thrown.cause.message, /no thread could open/);
+  },
+  'a signal ends a call that waits, and no other': async (root) => {
+    const controller = new AbortController();
+    const { signal } = controller;
+    const calls = times(50, (n) => {
+      const options = n < 10 ? undefined : { signal };
+      return outcomeOf(write(root, [`${n}`], MIB, options));
+    });
+    const reason = new Error('the client went away');
+    controller.abort(reason);
+    const aborted = (await calls).map(({ thrown }) => thrown);
+    assert.deepEqual(aborted, [...Array(10), ...Array(40).fill(reason)]);
+    assert.equal((await outcomeOf(close(root, { signal }))).thrown, reason);
+  },
+  'a call continues in the context of its caller': async (root) => {
+    const storage = new AsyncLocalStorage();
+    const contextAfter = async () => {
+      await exists(root, ['f']);
+      return storage.getStore();
+    };
+    const seen = ['a', 'b'].map((name) => storage.run(name, contextAfter));
+    assert.deepEqual(await Promise.all([...seen, contextAfter()]), ['a', 'b', undefined]);
+  },
+  'calls in the queue leave nothing behind': async (root) => {
+    const rounds = async () => {
+      for (let round = 0; round < 10; ++round) {
+        await times(CALLS, (n) =>
+          outcomeOf(promises.create(root, ['', `${n}`], Buffer.alloc(100))),
+        );
+      }
+      await sleep(100);
+      collect();
+      return process.memoryUsage().heapUsed;
+    };
+    // The first rounds also compile.
+    const before = await rounds();
+    assert.ok((await rounds()) - before < CALLS * 100, 'less than ten bytes for each call');
+  },
+};
+const inRoots = Object.entries(CASES).map(([title, body]) => [title, () => inRoot({}, body)]);
+
+// In a function of its own, so that nothing else remembers the root.
+async function fillHeap() {
+  resourceLimits = { maxOldGenerationSizeMb: 8 };
+  const root = await openRoot(place.base);
+  const { thrown } = await outcomeOf(exists(root, Array(50_000).fill('x'.repeat(1000))));
+  assert.equal(thrown.cause.cause.code, 'ERR_WORKER_OUT_OF_MEMORY');
+  assert.equal(await exists(root, ['none']), false);
+  resourceLimits = undefined;
+}
+
+const WITHOUT_ROOT = {
+  'a thread with a full heap ends, and a forgotten root is closed': async () => {
+    await fillHeap();
+    await until(() => {
+      collect();
+      return running.size === 0;
+    }, 'threads remain');
+  },
+  'a call that waits for the only thread goes on in the next one': async () => {
+    process.env.UV_THREADPOOL_SIZE = '1';
+    beforeMessage = ({ args }, thread) => args[0] === '/fatal' && thread.terminate();
+    const paths = ['/none', '/fatal', '/none'];
+    const outcomes = await Promise.all(paths.map((at) => outcomeOf(openRoot(at))));
+    const codes = outcomes.map(({ thrown }) => thrown.code);
+    assert.deepEqual(codes, ['NOT_FOUND', 'FILESYSTEM_FAILURE', 'NOT_FOUND']);
+  },
+  'UV_THREADPOOL_SIZE is the number of threads, up to 16': async () => {
+    for (const [size, count] of Object.entries({ 2: 2, 99: 16, 0: 1, none: 1 })) {
+      process.env.UV_THREADPOOL_SIZE = size;
+      const root = await openRoot(place.base);
+      assert.equal(running.size, count, size);
+      await close(root);
+      await until(() => running.size === 0, 'threads remain');
+    }
+  },
+};
+for (const [title, body] of [...inRoots, ...Object.entries(WITHOUT_ROOT)]) {
+  test(title, () => inPool(body));
+}
+
+const open = `require('${require.resolve('tarvek/promises')}').openRoot('/tmp')`;
+const print = `${open}.then(() => console.log('open'))`;
+const thread = `new (require('node:worker_threads').Worker)(${JSON.stringify(print)}, { eval: true })`;
+for (const [title, program] of Object.entries({ 'a program': print, 'a thread of one': thread })) {
+  test(`${title} ends when no call is pending, with a root open`, () => {
+    const options = { encoding: 'utf8', timeout: 60_000 };
+    const { status, stdout } = spawnSync(process.execPath, ['-e', program], options);
+    assert.deepEqual([status, stdout], [0, 'open\n']);
+  });
+}
