@@ -55,7 +55,7 @@ for (const page of pages) {
 
 test('the tests that the guarantees name exist', () => {
   const guarantees = textOf('docs/guarantees.md').replace(/\s+/g, ' ');
-  for (const [, file, titles] of guarantees.matchAll(/`(\w+\.test\.js)`,([^`.]*)/g)) {
+  for (const [, file, titles] of guarantees.matchAll(/`([\w-]+\.test\.js)`,([^`.]*)/g)) {
     const source = textOf(`test/${file}`);
     for (const [, title] of titles.matchAll(/"(.+?)"/g)) {
       const isThere = source.includes(`'${title}`) || source.includes(`\`${title}`);
