@@ -11,6 +11,7 @@ const path = require('node:path');
 const test = require('node:test');
 const { errorOf, failureOf } = require('../promises/failures.js');
 const promises = require('../promises/index.js');
+const { readAtMost } = require('../promises/open-file.js');
 const publications = require('../promises/publish.js');
 const walk = require('../promises/walk.js');
 const { inRoot, outcomeOf } = require('./support/async-root.js');
@@ -53,6 +54,49 @@ test('the walk must end in the directory of the handle, without a symlink on the
     }
   }));
 
+// Makes a call of `promises/` in this thread. Returns its outcome.
+function onRecord(call) {
+  const record = walk.openRecord(tarvek.openRoot(place.root), place.root);
+  const outcome = thrownBy(() => call(record));
+  walk.closeRecord(record);
+  return outcome;
+}
+
+const expectFailure = (expected, { thrown }) =>
+  expectOutcome(expected, { thrown: errorOf(failureOf(thrown)) });
+
+function replace(at, successor) {
+  fs.renameSync(at, `${at}~`);
+  build(at, successor);
+}
+
+// Makes a call. Another entry takes the place of this one right before a call of node:fs uses it.
+function replacedBefore(method, at, successor, call) {
+  const original = fs[method];
+  fs[method] = (name, ...rest) => {
+    if (path.basename(String(name)) === path.basename(at)) {
+      fs[method] = original;
+      replace(at, successor);
+    }
+    return original(name, ...rest);
+  };
+  return onRecord(call);
+}
+
+const SUCCESSORS = {
+  'a symlink': symlink('twin'),
+  'a hard link': hardlink('twin'),
+  'a FIFO': fifo(),
+  'an equal file': OLD,
+};
+
+table('a file is replaced before it is opened, by', Object.entries(SUCCESSORS), (successor) =>
+  inRoot({ f: OLD, twin: OLD }, () => {
+    const readHere = (record) => readAtMost(record, ['f'], 100);
+    expectFailure('outside', replacedBefore('openSync', place.at('f'), successor, readHere));
+  }),
+);
+
 const hashOf = (content) => createHash('sha256').update(content).digest('hex');
 const DENIED = ['existsSync', 'openSync'].map((method) => [`${method} fails`, method]);
 
@@ -79,10 +123,7 @@ const FROM = ['s', 'c'];
 const TO = ['n', 'd'];
 const candidate = place.at(...FROM);
 const linked = (at) => fs.linkSync(candidate, at);
-const replacedBy = (layout) => () => {
-  fs.renameSync(candidate, `${candidate}~`);
-  build(candidate, layout);
-};
+const replacedBy = (layout) => () => replace(candidate, layout);
 
 // How the call ends, and what differs from a call that succeeds.
 const REFUSALS = {
@@ -96,6 +137,7 @@ const REFUSALS = {
   'an open directory': ['candidate', { opened: place.at('s') }],
   'a closed file': ['outside', { before: (file) => file.close() }],
   'a number as the file': ['outside', { toFile: (file) => file.fd }],
+  'a number beyond 32 bits': ['outside', { toFile: ({ fd }) => ({ fd: fd - 2 ** 32 }) }],
   'a wrong candidate': ['outside', { from: ['s', '..', 's', 'c'] }],
   'a wrong destination': ['outside', { to: [] }],
   'a taken destination': ['exists', { to: ['taken'] }],
@@ -195,9 +237,7 @@ function watched({ mock }, isFailing, call) {
       return original(at, ...rest);
     });
   }
-  const record = walk.openRecord(tarvek.openRoot(place.root), place.root);
-  const outcome = thrownBy(() => call(record));
-  walk.closeRecord(record);
+  const outcome = onRecord(call);
   mock.restoreAll();
   return { outcome, made };
 }
@@ -226,11 +266,17 @@ for (let stopAt = 1; stopAt <= PUBLISHING.length + 1; ++stopAt) {
     inRoot({ s, n: {} }, () => {
       const { outcome } = watched(t, (number) => number === stopAt, publishHere);
       const isFailing = stopAt <= PUBLISHING.length;
-      if (isFailing) expectOutcome('storage', { thrown: errorOf(failureOf(outcome.thrown)) });
+      if (isFailing) expectFailure('storage', outcome);
       else expectOutcome('-', outcome);
       assertTree(stopAt < PUBLISHING.length ? { s, n: {} } : { s: {}, n });
     }));
 }
+
+test('a candidate that is replaced before it is linked is not published', () =>
+  inRoot({ s, n: {} }, () => {
+    expectFailure('storage', replacedBefore('linkSync', candidate, OLD, publishHere));
+    assertTree({ s: { c: OLD, 'c~': OLD }, n: {} });
+  }));
 
 test('finishPublish flushes the new name before it removes the old one', (t) =>
   inRoot({ s, n: { d: linked } }, () => {

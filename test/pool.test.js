@@ -6,6 +6,7 @@
 const assert = require('node:assert/strict');
 const { AsyncLocalStorage } = require('node:async_hooks');
 const { spawnSync } = require('node:child_process');
+const { getEventListeners } = require('node:events');
 const fs = require('node:fs');
 const test = require('node:test');
 const { setTimeout: sleep } = require('node:timers/promises');
@@ -122,8 +123,10 @@ const CASES = {
       const options = n < 10 ? undefined : { signal };
       return outcomeOf(write(root, [`${n}`], MIB, options));
     });
+    assert.equal(getEventListeners(signal, 'abort').length, 1, 'one listener for all calls');
     const reason = new Error('the client went away');
     controller.abort(reason);
+    assert.equal(getEventListeners(signal, 'abort').length, 0, 'the signal is forgotten');
     const aborted = (await calls).map(({ thrown }) => thrown);
     assert.deepEqual(aborted, [...Array(10), ...Array(40).fill(reason)]);
     assert.equal((await outcomeOf(close(root, { signal }))).thrown, reason);

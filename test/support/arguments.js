@@ -20,6 +20,7 @@ const SEGMENTS = [
   [['f']],
   [new String('f')],
   [undefined],
+  new Proxy(['f'], {}),
   Array(3),
   ENDLESS,
   ...BAD_SEGMENT.flatMap((name) => [[name], ['f', name], [name, 'f']]),
