@@ -11,6 +11,7 @@ const path = require('node:path');
 const test = require('node:test');
 const { errorOf, failureOf } = require('../promises/failures.js');
 const promises = require('../promises/index.js');
+const leftovers = require('../promises/leftovers.js');
 const { readAtMost } = require('../promises/open-file.js');
 const publications = require('../promises/publish.js');
 const walk = require('../promises/walk.js');
@@ -312,6 +313,14 @@ test('removeLeftovers removes old temporary files at any depth and nothing else'
     assert.deepEqual(await sweep(10_000, 'd'), { result: [`d/${temporary('c')}`] });
   }));
 
+test('removeLeftovers flushes what it changed, and closes all directories if it fails', (t) =>
+  inRoot({ d: { e: { [temporary('a')]: '' }, f: {} } }, () => {
+    const sweep = (record) => leftovers.removeLeftovers(record, ['d'], 0);
+    expectFailure('storage', watched(t, () => true, sweep).outcome);
+    const expected = [`unlinkSync d/e/${temporary('a')}`, 'fsyncSync d/e'];
+    assert.deepEqual(watched(t, () => false, sweep).made, expected);
+  }));
+
 const COUNT = 20_000;
 const many = Object.fromEntries(Array.from({ length: COUNT }, (_, i) => [`f${i}`, '']));
 
@@ -338,14 +347,15 @@ test('capture tells how far it is, at most ten times a second, where it was call
     }
     const mine = new Error('what onProgress throws');
     const throwing = () => {
-      told.pop();
+      told.length = 0;
       throw mine;
     };
+    let outcome;
     while (told.length > 0) {
-      const capturing = promises.capture(root, [['d']], { onProgress: throwing });
-      const { thrown = mine } = await outcomeOf(capturing);
-      assert.equal(thrown, mine);
+      outcome = await outcomeOf(promises.capture(root, [['d']], { onProgress: throwing }));
     }
+    assert.equal(outcome.thrown, mine);
+    assert.equal((await promises.capture(root, [['d']])).length, COUNT + 1);
     const wrong = promises.capture(root, [['d']], { onProgress: 1 });
     expectOutcome('storage', await outcomeOf(wrong));
   }));

@@ -94,6 +94,8 @@ test('wrong options and what a getter throws reject, and another root is refused
     for (const options of [null, 1, 'f', () => {}, { signals: 1 }, { signal: null }]) {
       await assert.rejects(promises.rootIdentity(root, options), STORAGE);
     }
+    const extra = promises.openFile(root, ['f'], {}, 1);
+    await assert.rejects(extra, { code: 'PATH_OUT_OF_ROOT' });
     await assert.rejects(promises.exists(root, withGetter(0)), thrown);
     await assert.rejects(promises.exists(root, ['f'], withGetter('signal')), thrown);
     const handle = synchronous.openRoot(place.root);
