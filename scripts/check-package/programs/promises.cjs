@@ -31,15 +31,19 @@ async function changeFiles(root, base) {
 async function readFiles(root) {
   const content = Buffer.concat([large, bytes('+1')]);
   assert.deepStrictEqual(await tarvek.read(root, ['docs', 'a']), content);
+  const file = await tarvek.openFile(root, ['docs', 'a']);
+  assert.deepStrictEqual(await file.readFile(), content);
+  await file.close();
   assert.deepStrictEqual(await tarvek.list(root, ['docs']), ['a']);
-  const [directory, file] = await tarvek.capture(root, [['docs']]);
-  assert.deepStrictEqual([directory.type, file.path, file.body], ['directory', 'docs/a', content]);
+  const [directory, record] = await tarvek.capture(root, [['docs']]);
+  assert.deepStrictEqual([directory.type, record.path], ['directory', 'docs/a']);
+  assert.deepStrictEqual(record.body, content);
   const files = await tarvek.snapshot(root, ['docs']);
   assert.deepStrictEqual(Object.entries(files), [['a', content]]);
 }
 
 async function exercise() {
-  assert.strictEqual(Object.keys(tarvek).length, 19);
+  assert.strictEqual(Object.keys(tarvek).length, 23);
   const base = fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-promises-')));
   const above = await tarvek.open(path.dirname(base));
   const root = await tarvek.openRelative(above, [path.basename(base)]);
