@@ -27,7 +27,7 @@ const notUtf8 = (at) =>
 // Sorted by bytes: the name, the entry, its kind, and the beginning of its line.
 const OBSTACLES = [
   [LEFTOVER, '', 'leftover', `${LEFTOVER}: temporary file of a write, running or crashed, 0 d`],
-  ['a\n\u202e', symlink('.'), 'symlink', 'a\\x0a\\u{202e}: s'],
+  ['a \n\u202e', symlink('.'), 'symlink', 'a \\x0a\\u{202e}: s'],
   ['back\\', '', 'bad-name', 'back\\x5c: name with a backslash, cannot be passed to a call (P'],
   ['bad', notUtf8, 'not-utf8', 'bad\\xff\\x1b: name that is not UTF-8, cannot be passed to'],
   ['dir', withMode(0, {}), 'unreadable', 'dir: directory that this proc'],
