@@ -10,32 +10,37 @@
 // thread. Less than that is copied with the message, which takes less time. The small files of one
 // result share blocks: 10,000 pieces of memory would take the receiver longer to unpack.
 
-const { isProxy } = require('node:util').types;
+const { isProxy, isTypedArray } = require('node:util').types;
 const { failure } = require('./failures.js');
+const { MOVED_FROM, take } = require('./memory.js');
 const { packFile, unpackFile } = require('./open-file.js');
 
-const MOVED_FROM = 16 * 1024;
 const BLOCK = 64 * 1024;
+const TYPED_ARRAY = Object.getPrototypeOf(Uint8Array.prototype);
 
 // --- Arguments ----------------------------------------------------------------------------------
 
-// A DataView without its memory throws. A typed array says 0.
-function lengthOf(view) {
+// The bytes of a view, even if its class defines these properties in another way.
+function bytesOf(view) {
+  const prototype = isTypedArray(view) ? TYPED_ARRAY : DataView.prototype;
+  const get = (name) => Reflect.get(prototype, name, view);
   try {
-    return view.byteLength;
+    return new Uint8Array(get('buffer'), get('byteOffset'), get('byteLength'));
   } catch {
-    return 0;
+    // A DataView without its memory throws. A typed array says 0.
+    return new Uint8Array(0);
   }
 }
 
-// New memory, shared with nothing. Bytes travel as an ArrayBuffer: Deno clones a typed array one byte after
-// the other, even if its memory moves, which takes more than a second for 1 MiB.
+// Bytes travel as { memory, length } with an ArrayBuffer that is shared with nothing. Deno clones a typed
+// array one byte after the other, even if its memory moves, which takes more than a second for 1 MiB.
 function copyOf(view) {
-  const length = lengthOf(view);
-  if (length === 0) return new ArrayBuffer(0);
-  const bytes = new Uint8Array(view.buffer, view.byteOffset, length);
+  const bytes = bytesOf(view);
+  const { length } = bytes;
   try {
-    return bytes.slice().buffer;
+    const memory = take(length);
+    new Uint8Array(memory).set(bytes);
+    return { memory, length };
   } catch {
     // There is no memory for the copy.
     throw failure('storage');
@@ -66,18 +71,12 @@ function reduceArgument(value) {
 }
 
 // The arguments as the synchronous functions take them.
-const restoreArgument = (value) => (value instanceof ArrayBuffer ? new Uint8Array(value) : value);
+const restoreArgument = (value) =>
+  value?.memory ? new Uint8Array(value.memory, 0, value.length) : value;
 
-// The memory that a message with these arguments moves.
+// The memory that a message with these arguments, and the answer to it, move.
 const movedWith = (args) =>
-  args.filter((value) => value instanceof ArrayBuffer && value.byteLength >= MOVED_FROM);
-
-const nowhere = new MessageChannel().port1;
-nowhere.close();
-
-// Frees the memory that came with a call. A thread creates little garbage, so its collector would come
-// late, and each thread would keep up to 64 MiB. A closed port drops what it is given.
-const release = (args) => nowhere.postMessage(null, movedWith(args));
+  args.filter((value) => value?.memory?.byteLength >= MOVED_FROM).map(({ memory }) => memory);
 
 // --- Results ------------------------------------------------------------------------------------
 
@@ -168,4 +167,4 @@ const RESULTS = {
 const pack = (name, result) => RESULTS[name]?.pack(result) ?? [result, []];
 const unpack = (name, packed) => (RESULTS[name] ? RESULTS[name].unpack(packed) : packed);
 
-module.exports = { reduceArgument, restoreArgument, movedWith, release, pack, unpack };
+module.exports = { reduceArgument, restoreArgument, movedWith, pack, unpack };

@@ -17,6 +17,7 @@ const { AsyncResource } = require('node:async_hooks');
 const path = require('node:path');
 const { Worker } = require('node:worker_threads');
 const { failureOf } = require('./failures.js');
+const { keep } = require('./memory.js');
 const { movedWith } = require('./messages.js');
 
 // What a thread runs. Undefined in a bundle, where the path of this module is missing or relative.
@@ -151,6 +152,7 @@ function receive(thread, answer) {
   }
   const call = thread.sent.shift();
   thread.hasAnswered = true;
+  answer.memories.forEach(keep);
   if (call.opens && !answer.failure) thread.roots.add(call.opens);
   if (call.name === 'close') thread.roots.delete(call.root);
   feed(thread);

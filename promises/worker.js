@@ -9,14 +9,14 @@
 //   opens        { id, identity } if the call opens a root: the id it gets, and its identity if another
 //                thread has opened it already
 //
-// The answer is { result }, or { failure } with the code and message of an error. A function may send
-// { progress } before, by `tell`.
+// The answer is { result, memories }, or { failure, memories } with the code and message of an error.
+// `memories` is the memory that moved with the call. A function may send { progress } before, by `tell`.
 
 const { parentPort } = require('node:worker_threads');
 const tarvek = require('../index.js');
 const { failureOf } = require('./failures.js');
 const { removeLeftovers } = require('./leftovers.js');
-const { pack, release, restoreArgument } = require('./messages.js');
+const { movedWith, pack, restoreArgument } = require('./messages.js');
 const { openFile, readAtMost } = require('./open-file.js');
 const { finishPublish, publishFile } = require('./publish.js');
 const { captureWithProgress } = require('./progress.js');
@@ -110,13 +110,14 @@ function perform({ name, root, args, opens }) {
 }
 
 async function answer(message) {
+  // The memory of the arguments goes back for later calls.
+  const memories = movedWith(message.args);
   try {
     const [result, moved] = pack(message.name, await perform(message));
-    parentPort.postMessage({ result }, moved);
+    parentPort.postMessage({ result, memories }, [...moved, ...memories]);
   } catch (error) {
-    parentPort.postMessage({ failure: failureOf(error) });
+    parentPort.postMessage({ failure: failureOf(error), memories }, memories);
   }
-  release(message.args);
 }
 
 // A call that was sent ahead waits for the one before it.
