@@ -83,8 +83,17 @@ function descriptors(except = []) {
   return entries.filter((entry) => !IGNORED.test(entry));
 }
 
-function emptyBase() {
-  for (const name of fs.readdirSync(base)) fs.rmSync(path.join(base, name), { recursive: true });
+// Removes what is in a directory. fs.rmSync takes twice as long.
+function empty(directory) {
+  for (const entry of fs.readdirSync(directory, { withFileTypes: true })) {
+    const at = path.join(directory, entry.name);
+    if (entry.isDirectory()) {
+      empty(at);
+      fs.rmdirSync(at);
+    } else {
+      fs.unlinkSync(at);
+    }
+  }
 }
 
 // A root directory with this layout, open as `handle`. open(at, flags) opens a descriptor to borrow.
@@ -105,7 +114,7 @@ function leaveSandbox({ handle, borrowed }) {
   tarvek.setTestHook();
   for (const fd of borrowed) fs.closeSync(fd);
   tarvek.close(handle);
-  emptyBase();
+  empty(base);
 }
 
 // Runs `body` on a root directory with this layout. Fails if a descriptor stays open, or if the
@@ -203,13 +212,19 @@ function expectPassedOn(callWith) {
   }
 }
 
+// The image of a directory with this layout.
+function imageOf(layout) {
+  const at = path.join(base, 'expected');
+  build(at, layout);
+  const image = treeOf(at);
+  empty(at);
+  fs.rmdirSync(at);
+  return image;
+}
+
 // Asserts that the disk beneath the root is this layout.
 function assertTree(layout) {
-  const expected = path.join(base, 'expected');
-  build(expected, layout);
-  const image = treeOf(expected);
-  fs.rmSync(expected, { recursive: true });
-  assert.deepEqual(treeOf(root), image, 'the whole disk beneath the root');
+  assert.deepEqual(treeOf(root), imageOf(layout), 'the whole disk beneath the root');
 }
 
 function identityOf(at) {
@@ -265,6 +280,7 @@ module.exports = {
   expectOutcome,
   expectCall,
   expectPassedOn,
+  imageOf,
   assertTree,
   identityOf,
   checkOpened,

@@ -112,12 +112,11 @@ const NOTHING = { first: 0, action: 'nothing' };
 // Makes the scenario's call. The plan makes `count` system calls go wrong, from number `first`, which
 // is a `name`, on. By its `action` they fail with `error` (all but the first with `then`), move fewer
 // bytes ("short", or "cut" if the later ones fail with `then`), return 0 with errno set to `error`
-// ("zero"), or report another value in `field` ("alter"). Passes the outcome, the calls, and the
-// trees before and after to `verify`.
+// ("zero"), or report another value in `field` ("alter"). Passes the outcome and the tree to `verify`.
+// recordedCalls() returns the calls.
 function run(scenario, plan, verify) {
   const { name, action, first, count = 1, error, then = error, field = '' } = plan;
   sandbox(scenario.before, (ctx) => {
-    const before = treeOf(ctx.root);
     const errors = [error, then].map((one) => os.constants.errno[one] ?? 0);
     ctx.stage = (stage) => note('stage', stage);
     tarvek.setTestHook(({ point, segment, index }) => note('hook', point, segment, index));
@@ -128,10 +127,9 @@ function run(scenario, plan, verify) {
     const outcome = thrownBy(() => tarvek[operation](...args));
     setPlan([]);
     tarvek.setTestHook();
-    const calls = recordedCalls();
     if (name === 'fdopendir') closeLeftDuplicate(open);
-    verify({ ctx, outcome, calls, before, after: treeOf(ctx.root) });
+    verify({ ctx, outcome, after: treeOf(ctx.root) });
   });
 }
 
-module.exports = { NOTHING, run };
+module.exports = { NOTHING, run, recordedCalls };

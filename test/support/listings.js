@@ -91,11 +91,9 @@ function fillNotes(notes, words) {
   return filled;
 }
 
-const sequenceOf = (text) => sequences.get(text.split(' ')[0]);
-
 // Adds the notes on the line of a sequence to one of its calls: errnos to an open, others to a hook.
 function addNotes({ text, notes }, added) {
-  if (sequenceOf(text)) return { text, notes: { ...notes, ...added } };
+  if (sequences.has(text.split(' ')[0])) return { text, notes: { ...notes, ...added } };
   const isOpen = /^openat.*CLOEXEC$/.test(text);
   const isHook = text.startsWith('hook');
   const matching = Object.entries(added).filter(([word]) => (isErrno(word) ? isOpen : isHook));
@@ -104,20 +102,23 @@ function addNotes({ text, notes }, added) {
 }
 
 // The lines with every sequence replaced by its calls, and every word in capitals by a path. A call
-// of a sequence is marked as shared.
+// of a sequence has the line of that sequence as `shared`.
 function expand(lines, words) {
   return lines.flatMap((line) => {
     const text = fill(line.text, words);
     const notes = fillNotes(line.notes, words);
-    const [, DIR, POINT = 'ancestor-open'] = text.split(' ');
-    const steps = sequenceOf(text);
+    const [name, DIR, POINT = 'ancestor-open'] = text.split(' ');
+    const steps = sequences.get(name);
     if (!steps) return [{ text, notes }];
     const isRepeated = steps.some((step) => step.text.includes('UP'));
     const places = isRepeated ? stepsTo(DIR) : [{}];
     return places.flatMap((at) => {
       const inner = { ...words, ...at, DIR, POINT };
-      const calls = steps.flatMap((step) => expand([addNotes(step, notes)], inner));
-      return calls.map((call) => ({ ...call, isShared: true }));
+      return steps.flatMap((step) => {
+        const noted = addNotes(step, notes);
+        const shared = `${name}: ${step.text} ${JSON.stringify(noted.notes)}`;
+        return expand([noted], inner).map((call) => ({ shared, ...call }));
+      });
     });
   });
 }
