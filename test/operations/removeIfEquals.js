@@ -35,9 +35,9 @@ module.exports = {
     },
   },
   special: {
-    'a FIFO with a reader, put in place before the open, is refused': () =>
-      expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', true, 'removal'),
-    'a FIFO without a reader, put in place before the open, is refused': () =>
-      expectProgram('fifo.js', 'removeIfEquals f OLD', 'remove-if-equals-open', false, 'removal'),
+    'a FIFO, put in place before the open, is refused at once': () => {
+      const [call, point] = ['removeIfEquals f OLD', 'remove-if-equals-open'];
+      expectProgram('fifo.js', call, point, 'removal', 'removal');
+    },
   },
 };

@@ -1,20 +1,27 @@
 'use strict';
 
-// Makes a call on the file f. At the hook point, a FIFO takes the place of the file. The process
-// never ends if the call then waits for the other end of the FIFO.
+// node fifo.js CALL POINT WITH_READER WITHOUT_READER: makes a call on the file f. At the hook point, a
+// FIFO takes the place of the file. The call must end in the first outcome if the FIFO is open for
+// reading, otherwise in the second. If the call waits instead, this process never ends.
 
 const fs = require('node:fs');
 const { expectCall, sandbox } = require('../support/harness.js');
 const { OLD, fifo } = require('../support/layouts.js');
 
-const [call, point, hasReader, expected] = process.argv.slice(2).map((word) => JSON.parse(word));
+const words = process.argv.slice(2).map((word) => JSON.parse(word));
+const [call, point, withReader, withoutReader] = words;
+const { O_RDONLY, O_NONBLOCK } = fs.constants;
 
-sandbox({ f: OLD }, (ctx) => {
-  const act = (event) => {
-    if (event.point !== point) return;
-    fs.rmSync(ctx.at('f'));
-    fifo()(ctx.at('f'));
-    if (hasReader) ctx.open(ctx.at('f'), fs.constants.O_RDONLY | fs.constants.O_NONBLOCK);
-  };
-  expectCall(expected, ctx, call, act);
-});
+function expectWith(hasReader, expected) {
+  sandbox({ f: OLD }, (ctx) => {
+    const act = (event) => {
+      if (event.point !== point) return;
+      fs.rmSync(ctx.at('f'));
+      fifo()(ctx.at('f'));
+      if (hasReader) ctx.open(ctx.at('f'), O_RDONLY | O_NONBLOCK);
+    };
+    expectCall(expected, ctx, call, act);
+  });
+}
+expectWith(true, withReader);
+expectWith(false, withoutReader);
