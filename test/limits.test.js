@@ -167,10 +167,7 @@ const DEEP = [
 function expectDepth(operation, argument, count) {
   // The whole path is longer than the system accepts, and a recursion would need more than this stack.
   const levels = Math.min(2100, Math.floor((DESCRIPTORS - 200) / count));
-  const limits = [
-    ['--stack=262144:', '--nofile=500:'],
-    [`--nofile=${DESCRIPTORS}:`],
-  ];
+  const limits = [['--stack=262144:', '--nofile=500:'], [`--nofile=${DESCRIPTORS}:`]];
   const plan = { root: place.root, operation, argument, limits };
   execFileSync('mkdir', ['-p', place.at('chain', 'd/'.repeat(levels))]);
   try {

@@ -23,7 +23,7 @@ const PROGRAMS = ['commonjs.cjs', 'esm.mjs', 'workers.cjs', 'node_modules/tarvek
 // The flags of open and the layout of `struct stat` differ from those of x86-64. These tests cannot run
 // under the emulator: limits.test.js, because memory and address space are those of the emulator;
 // package.test.js, which loads the build of this processor; examples.test.js and docs.test.js, whose
-// programs start Node themselves; symbols.test.js, which runs no code of the module.
+// programs start Node themselves.
 const TESTS = ['contents', 'faults', 'operations', 'threads'];
 const TEST = path.join(__dirname, '../../test');
 const COMPILER = 'aarch64-linux-gnu-g++';

@@ -1,6 +1,6 @@
 'use strict';
 
-const { TREE, fresh } = require('../support/layouts.js');
+const { fresh } = require('../support/layouts.js');
 
 module.exports = {
   call: 'ensureDirectory f',
@@ -20,15 +20,6 @@ module.exports = {
         fstatat   NEAR leaf NOFOLLOW = ENOENT  ! ENOENT: -
         mkdirat   NEAR leaf 0700
         fsync     NEAR
-        close     NEAR`,
-    },
-    'ensureDirectory leaf, a directory': {
-      before: [TREE],
-      calls: `
-        make      NEAR
-        hook      pre-effect leaf #NEAR  ! NEAR/ close: outside
-        prove     NEAR
-        fstatat   NEAR leaf NOFOLLOW     ! ENOENT: storage; type: outside
         close     NEAR`,
     },
   },

@@ -20,14 +20,5 @@ module.exports = {
         fstatat   NEAR leaf NOFOLLOW     ! ENOENT: false; links link: outside
         close     NEAR`,
     },
-    'exists leaf, nothing': {
-      result: false,
-      calls: `
-        make      NEAR                         ! ENOENT: false
-        hook      pre-effect leaf #NEAR        ! NEAR/ close: outside
-        prove     NEAR
-        fstatat   NEAR leaf NOFOLLOW = ENOENT  ! ENOENT: -
-        close     NEAR`,
-    },
   },
 };

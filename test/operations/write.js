@@ -3,7 +3,7 @@
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const { expectCall } = require('../support/harness.js');
-const { BYTES, OLD, fresh } = require('../support/layouts.js');
+const { BYTES, fresh } = require('../support/layouts.js');
 
 const TEMPORARY = new RegExp(`^\\.tarvek-${process.pid}-([1-9]\\d*)-([0-9a-f]{32})$`);
 
@@ -15,7 +15,7 @@ module.exports = {
     the call       a symlink  a hard link  special  a directory  a file  nothing  no parent
     write d/f NEW  outside    outside      outside  outside      -       -        -`,
   scenarios: {
-    'write leaf NEW, nothing': {
+    'write leaf NEW stage, nothing': {
       after: [fresh(BYTES.NEW)],
       makes: true,
       calls: `
@@ -23,24 +23,6 @@ module.exports = {
         hook      pre-effect leaf #NEAR                                   ! NEAR/ close: outside; bytes: storage
         prove     NEAR
         fstatat   NEAR leaf NOFOLLOW = ENOENT                             ! ENOENT: -
-        getrandom 16 0
-        openat    NEAR .tarvek-* WRONLY|CREAT|EXCL|NOFOLLOW|CLOEXEC 0600
-        write     NEAR/.tarvek-* "the new bytes" 13                       ! zero: outside
-        fsync     NEAR/.tarvek-*
-        close     NEAR/.tarvek-*
-        prove     NEAR
-        renameat  NEAR .tarvek-* NEAR leaf
-        fsync     NEAR
-        close     NEAR`,
-    },
-    'write leaf NEW stage, a file': {
-      before: [OLD],
-      after: [fresh(BYTES.NEW)],
-      calls: `
-        make      NEAR                                                    ! bytes: storage
-        hook      pre-effect leaf #NEAR                                   ! NEAR/ close: outside; bytes: storage
-        prove     NEAR
-        fstatat   NEAR leaf NOFOLLOW                                      ! ENOENT: -; links type: outside
         getrandom 16 0
         openat    NEAR .tarvek-* WRONLY|CREAT|EXCL|NOFOLLOW|CLOEXEC 0600
         write     NEAR/.tarvek-* "the new bytes" 13                       ! zero: outside

@@ -15,9 +15,7 @@ const BYTES = {
   MANY: Buffer.alloc((16 << 20) + 1),
 };
 
-// A small tree, and the bytes of its files by their paths.
-const TREE = { f: 'one', s: { g: 'two' } };
-const FILES = { f: Buffer.from('one'), 's/g': Buffer.from('two') };
+const TREE = { s: { g: 'two' } };
 
 const symlink = (text) => (at) => fs.symlinkSync(text, at);
 const hardlink = (sibling) => (at) => fs.linkSync(path.join(path.dirname(at), sibling), at);
@@ -85,7 +83,6 @@ module.exports = {
   OLD,
   BYTES,
   TREE,
-  FILES,
   symlink,
   hardlink,
   fifo,
