@@ -183,19 +183,14 @@ const IN_A_ROW = lines(`
   read leaf                               read      fail  20  EINTR   EINTR   -
   removeIfEquals leaf OLD                 pread     fail  20  EINTR   EINTR   -
   write leaf NEW stage, nothing           write     fail  20  EINTR   EINTR   -
-  append leaf 19 4 NEW, a file            write     fail  20  EINTR   EINTR   -
   append leaf 19 4 NEW, a file            openat    fail  7   ENOENT  EINTR   -
   append leaf 19 4 NEW, a file            openat    fail  8   ENOENT  EINTR   storage
   append leaf 19 4 NEW, a file            openat    fail  8   EINTR   ENOENT  missing
   write leaf NEW stage, nothing           write     fail  99  ENOSPC  ENOENT  missing
-  write leaf NEW stage, nothing           fsync     fail  99  EIO     ELOOP   outside
-  write leaf NEW stage, nothing           renameat  fail  99  EACCES  ENOENT  storage
   write leaf NEW stage, nothing           renameat  fail  99  ENOENT  EIO     missing
   publishVerified fd:leaf leaf other OLD  unlinkat  fail  99  EIO     ENOENT  storage
   write leaf NEW stage, nothing           write     cut   2   EIO     EIO     storage
-  read leaf                               read      cut   2   EIO     EIO     storage
-  capture leaf                            read      cut   2   EIO     EIO     storage
-  snapshot leaf                           read      cut   2   EIO     ENOENT  missing`);
+  read leaf                               read      cut   2   EIO     EIO     storage`);
 const inARow = IN_A_ROW.map(([name, call, action, count, error, then, expected]) => {
   const plan = { name: call, action, count: Number(count), error, then };
   return [
