@@ -1,6 +1,8 @@
 'use strict';
 
+const assert = require('node:assert/strict');
 const { OLD } = require('../support/layouts.js');
+const tarvek = require('../support/tarvek.js');
 
 module.exports = {
   call: 'exists f',
@@ -20,5 +22,10 @@ module.exports = {
         fstatat   NEAR leaf NOFOLLOW     ! ENOENT: false; links link: outside
         close     NEAR`,
     },
+  },
+  layout: { f: OLD },
+  special: {
+    'not below a missing directory, although the root has an entry of that name': ({ handle }) =>
+      assert.equal(tarvek.exists(handle, ['nothing', 'f']), false),
   },
 };
