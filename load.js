@@ -50,14 +50,24 @@ function howToBuild(otherwise) {
   ].join('\n');
 }
 
+// Versions of Node.js differ in the names of the flags, and refuse to start with one of another version.
+function howToAllow() {
+  if (process.versions.deno) return 'start Deno with --allow-ffi';
+  // Only there if the permission model is on.
+  if (process.permission === undefined) return 'start Node.js without --no-addons';
+  const flags = process.allowedNodeEnvironmentFlags;
+  const model = flags.has('--permission') ? '--permission' : '--experimental-permission';
+  if (flags.has('--allow-addons')) {
+    return `start Node.js with --allow-addons or without ${model}, and without --no-addons`;
+  }
+  return `update Node.js, because this version has no --allow-addons, or start it without ${model}`;
+}
+
 function loadFailure(cause) {
   const [reason] = cause.message.split('\n');
   // Deno's error has a name of its own and no code.
   if (cause.code === 'ERR_DLOPEN_DISABLED' || cause.name === 'NotCapable') {
-    const remedy = process.versions.deno
-      ? 'start Deno with --allow-ffi'
-      : 'start Node.js with --allow-addons or without --permission, and without --no-addons';
-    return failure(`this process may not load native modules: ${reason}`, remedy, cause);
+    return failure(`this process may not load native modules: ${reason}`, howToAllow(), cause);
   }
   const remedy = howToBuild(
     'keep tarvek out of the bundle (as "external"), or copy its folder prebuilds beside the bundle',

@@ -18,7 +18,7 @@ function pretend(property, value) {
 }
 
 const BUILD = /^ {2}to do: .* build it:\n +cmake -S \S+ -B \S+ && cmake --build \S+$/m;
-const ADDONS = /^ {2}to do: .* --allow-addons .* --no-addons$/m;
+const ADDONS = /^ {2}to do: .* --allow-addons or without --permission, .* --no-addons$/m;
 
 const ALL_FILES = ['--allow-fs-read=*', '--allow-fs-write=*'];
 
@@ -28,12 +28,17 @@ const REFUSED = [
   ['another processor', pretend('arch', 'riscv64'), /this processor\n.* riscv64/, BUILD],
   ['musl', pretend('execPath', './musl'), /musl\n/, /`slim` image rather than `alpine`/],
   ['no Node-API 9', node('node-20.2'), /Node\.js 20\.2\.0/, /to do: {2}update Node\.js/],
-  ['no addons', node('node-18', '--no-addons'), /may not load native/, ADDONS],
+  [
+    'no addons',
+    node('node-18', '--no-addons'),
+    /may not load native/,
+    /Node\.js without --no-addons$/m,
+  ],
   [
     'permission model, Node.js 20',
     node('node-20', '--experimental-permission', ...ALL_FILES),
     /may not load native/,
-    ADDONS,
+    /to do: {2}update Node\.js, .* without --experimental-permission$/m,
   ],
   [
     'permission model, Node.js 22',
