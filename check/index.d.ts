@@ -86,9 +86,9 @@ export interface Obstacle {
  * @param directory What the program passes to `openRoot`. May be relative here. A symlink in its
  *   path is reported and followed.
  * @param paths As passed to the call that failed. None: everything in the directory.
- * @throws `TypeError` The directory is not a string, or a path is not an array with at
+ * @throws `TypeError` The directory is not a string or is empty, or a path is not an array with at
  *   least one name.
- * @throws An error of `node:fs` if `/` or `/proc` cannot be read, while the result is iterated.
+ * @throws `Error` While the result is iterated, because this process cannot read `/proc` or open `/`.
  */
 export function check(
   directory: string,

@@ -91,6 +91,10 @@ function* fromSlash(directory, ways) {
 const fromText = (text) => toName(Buffer.from(text));
 
 function check(directory, ...paths) {
+  // Required: an empty path is refused. It would lead to the current directory.
+  if (typeof directory !== 'string' || directory === '') {
+    throw new TypeError('the directory is a path: a string that is not empty');
+  }
   for (const names of paths) {
     const isPath = Array.isArray(names) && names.length > 0;
     if (!isPath || ![...names].every((name) => typeof name === 'string')) {

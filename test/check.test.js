@@ -108,6 +108,20 @@ table('a way ends at what read refuses', ways, (way, stop, kind) =>
   }),
 );
 
+test('a directory that is no path is refused at once', () => {
+  for (const wrong of ['', undefined, Buffer.from('/')]) {
+    assert.throws(() => check(wrong), { name: 'TypeError', message: /^the directory is a path/ });
+  }
+});
+
+test('without /proc, the error says what is missing', (t) => {
+  const cause = Object.assign(new Error('a reason'), { code: 'ENOENT' });
+  t.mock.method(fs, 'readFileSync', () => {
+    throw cause;
+  });
+  assert.throws(() => Array.from(check('/')), { message: /needs \/proc, .* \(ENOENT\)$/, cause });
+});
+
 test('a path that is no array of names is refused at once', () => {
   for (const wrong of ['real', [], [1], Array(1)]) {
     assert.throws(() => check('/', wrong), TypeError);
