@@ -65,8 +65,8 @@ export type Segments = readonly string[];
  *
  * - `PATH_OUT_OF_ROOT`: the call was refused: a wrong argument or number of arguments, a symlink, a
  *   file with a second hard link, a wrong file type, such as a directory in a file's place, or an
- *   entry that was replaced during the call. Retry it a few times; after a race, a retry usually
- *   succeeds.
+ *   entry that was replaced during the call. Retry it a few times, with short pauses; after a race,
+ *   a retry usually succeeds.
  * - `NOT_FOUND`: the entry or a parent directory is missing. From {@link write}, {@link create},
  *   {@link append} and {@link ensureDirectory}, another process removed a directory: retry, unless
  *   the root itself was removed.

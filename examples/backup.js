@@ -19,14 +19,15 @@ const fs = require('node:fs');
 const { open } = require('node:fs/promises');
 const os = require('node:os');
 const path = require('node:path');
+const { setTimeout: pause } = require('node:timers/promises');
 const tarvek = require('tarvek/promises');
 
 // What `restore` holds in memory: this many entries, or this many bytes and one entry more.
 const BATCH_ENTRIES = 64;
 const BATCH_BYTES = 16 * 2 ** 20;
 
-// What a call can fail with if another process changes the directory. Such a call can be repeated. The
-// last three are those of node:fs.
+// What a call can fail with if another process changes the directory. Such a call can be repeated, after
+// a pause, because an entry can be in the way for some milliseconds. The last three are those of node:fs.
 const RACES = ['PATH_OUT_OF_ROOT', 'NOT_FOUND', 'ENOENT', 'ENOTDIR', 'ELOOP'];
 
 async function retry(call) {
@@ -34,16 +35,17 @@ async function retry(call) {
     try {
       return await call();
     } catch (error) {
-      if (!RACES.includes(error.code) || attempt === 5) throw error;
+      if (!RACES.includes(error.code) || attempt === 10) throw error;
     }
+    await pause(attempt);
   }
 }
 
 // Shows no names. Other processes choose them, and they can contain the codes that control a terminal.
-function showProgress(part, text) {
+function showProgress(share, text) {
   if (!process.stderr.isTTY) return;
-  const bar = '#'.repeat(Math.round(part * 40)).padEnd(40, '.');
-  process.stderr.write(`\r[${bar}] ${text}\x1b[K${part === 1 ? '\n' : ''}`);
+  const bar = '#'.repeat(Math.round(share * 40)).padEnd(40, '.');
+  process.stderr.write(`\r[${bar}] ${text}\x1b[K${share === 1 ? '\n' : ''}`);
 }
 
 // --- The archive --------------------------------------------------------------------------------

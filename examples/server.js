@@ -6,7 +6,7 @@
 //   server.listen(8080, '127.0.0.1');
 //
 // An upload grows piece by piece in incoming/NAME. Only if the bytes on the disk have the hash that the
-// client sent, they become files/NAME, so no reader finds a part of a file. The answer 201 means that
+// client sent, they become files/NAME, so no reader finds an incomplete file. The answer 201 means that
 // everything is flushed. Other processes may change the directory meanwhile, but one server at a time
 // uses it.
 
@@ -18,6 +18,7 @@ const os = require('node:os');
 const path = require('node:path');
 const { monitorEventLoopDelay } = require('node:perf_hooks');
 const { pipeline } = require('node:stream/promises');
+const { setTimeout: pause } = require('node:timers/promises');
 const tarvek = require('tarvek/promises');
 
 // An append waits for the disk, so a piece is large. All uploads together have this many turns, and
@@ -35,10 +36,11 @@ const STATUS = {
   CANDIDATE_CHANGED: 422,
 };
 
-const partOf = (name) => ['incoming', name];
+const candidateOf = (name) => ['incoming', name];
 const fileOf = (name) => ['files', name];
 
-// A process that replaces directories makes correct calls fail. Such a call changed nothing.
+// A process that replaces directories makes correct calls fail. Such a call changed nothing. The pauses
+// grow, because an entry can be in the way for some milliseconds: 45 ms in all.
 async function retry(call) {
   for (let attempt = 1; ; ++attempt) {
     try {
@@ -46,6 +48,7 @@ async function retry(call) {
     } catch (error) {
       if (error.code !== 'PATH_OUT_OF_ROOT' || attempt === 10) throw error;
     }
+    await pause(attempt);
   }
 }
 
@@ -73,15 +76,15 @@ async function nextPiece(chunks) {
 }
 
 // A client that stands still keeps its turn until the server's `requestTimeout`, 5 minutes.
-async function receive(root, part, request) {
+async function receive(root, candidate, request) {
   // If storing fails, the request stays open for the answer.
   const chunks = request.iterator({ destroyOnReturn: false });
   let size = 0;
   const storeNext = async () => {
     const piece = await nextPiece(chunks);
     // The first piece replaces what an earlier attempt may have left.
-    if (size === 0) await retry(() => tarvek.write(root, part, piece));
-    else await retry(() => tarvek.append(root, part, size, size, piece));
+    if (size === 0) await retry(() => tarvek.write(root, candidate, piece));
+    else await retry(() => tarvek.append(root, candidate, size, size, piece));
     size += piece.length;
     return piece.length < PIECE;
   };
@@ -89,24 +92,25 @@ async function receive(root, part, request) {
 }
 
 async function publish(root, name, sha256) {
-  const file = await retry(() => tarvek.openFile(root, partOf(name)));
+  const file = await retry(() => tarvek.openFile(root, candidateOf(name)));
   try {
-    await retry(() => tarvek.publishFile(root, file, partOf(name), fileOf(name), { sha256 }));
+    await retry(() => tarvek.publishFile(root, file, candidateOf(name), fileOf(name), { sha256 }));
   } finally {
     await file.close();
   }
 }
 
-// After a failure or a crash: a file with both names keeps its final one, an unpublished part goes.
+// After a failure or a crash: a file with both names keeps its final one, and a candidate that was not
+// published is removed.
 async function settle(root, name) {
   try {
-    const state = await retry(() => tarvek.finishPublish(root, partOf(name), fileOf(name)));
+    const state = await retry(() => tarvek.finishPublish(root, candidateOf(name), fileOf(name)));
     if (state !== 'candidate') return;
   } catch (error) {
-    // Another file has the final name. Then the part is not needed.
+    // Another file has the final name. Then the candidate is not needed.
     if (error.code !== 'OPTIMISTIC_CONFLICT') throw error;
   }
-  await retry(() => tarvek.remove(root, partOf(name)));
+  await retry(() => tarvek.remove(root, candidateOf(name)));
 }
 
 // Another process can put anything in the way. That must not stop the server. The next start tries again.
@@ -121,7 +125,7 @@ async function store({ root, uploading }, name, request) {
   if (uploading.has(name)) return 409;
   uploading.add(name);
   try {
-    await receive(root, partOf(name), request);
+    await receive(root, candidateOf(name), request);
     await publish(root, name, sha256);
     return 201;
   } catch (error) {
@@ -153,7 +157,7 @@ async function answer(site, request, response) {
 function fail(error, response) {
   const status = STATUS[error.code ?? error.name] ?? 500;
   if (status === 500) console.error(error);
-  // After a part of a file, only a broken connection tells the client that the rest is missing.
+  // The client has the status and a length. Only a broken connection tells it that bytes are missing.
   if (response.headersSent) response.destroy();
   else response.writeHead(status).end();
 }
@@ -168,7 +172,7 @@ async function recover(root) {
 }
 
 async function openServer(directory) {
-  const root = await tarvek.openRoot(fs.realpathSync(directory));
+  const root = await retry(() => tarvek.openRoot(fs.realpathSync(directory)));
   await recover(root);
   const site = { root, uploading: new Set() };
   const server = http.createServer((request, response) => {
