@@ -76,12 +76,19 @@ function drawBar(_, api) {
   const height = api.size([0, 1])[1] * 0.68;
   const fill = ratio > 1 ? COLORS.slower : COLORS.faster;
   const shape = {
-    ...{ x: Math.min(one, end), width: Math.max(Math.abs(end - one), 1) },
-    ...{ y: middle - height / 2, height },
+    x: Math.min(one, end),
+    y: middle - height / 2,
+    width: Math.max(Math.abs(end - one), 1),
+    height,
   };
   const label = {
-    ...{ text: ratio.toFixed(2), fill: COLORS.text, fontSize: 12, verticalAlign: 'middle' },
-    ...{ x: ratio > 1 ? end + 6 : end - 6, y: middle, align: ratio > 1 ? 'left' : 'right' },
+    text: ratio.toFixed(2),
+    fill: COLORS.text,
+    fontSize: 12,
+    x: ratio > 1 ? end + 6 : end - 6,
+    y: middle,
+    align: ratio > 1 ? 'left' : 'right',
+    verticalAlign: 'middle',
   };
   return {
     type: 'group',
@@ -99,29 +106,44 @@ function options(rows, machine) {
     // A background of its own keeps the text readable on a dark page too.
     backgroundColor: '#ffffff',
     title: {
-      ...{ text: TITLE, left: 16, top: 14 },
+      text: TITLE,
+      left: 16,
+      top: 14,
       subtext: `1 is the same time, 0.5 half of it, 2 twice as much. Medians, no disk involved.\n${machine}`,
       textStyle: { color: COLORS.text, fontSize: 16 },
       subtextStyle: { color: COLORS.faint, fontSize: 12 },
     },
     grid: { left: 200, right: 48, top: 92, bottom: 56 },
     xAxis: {
-      ...{ type: 'log', logBase: 2, min: 0.125, max: 16 },
-      ...{ name: 'faster than node:fs  ←  1  →  slower than node:fs   (logarithmic scale)' },
-      ...{ nameLocation: 'middle', nameGap: 32, nameTextStyle: axisText },
+      type: 'log',
+      logBase: 2,
+      min: 0.125,
+      max: 16,
+      name: 'faster than node:fs  ←  1  →  slower than node:fs   (logarithmic scale)',
+      nameLocation: 'middle',
+      nameGap: 32,
+      nameTextStyle: axisText,
       axisLabel: { ...axisText, formatter: (value) => `${value} ×` },
       splitLine: { lineStyle: { color: '#d8dee4' } },
     },
     yAxis: {
-      ...{ type: 'category', inverse: true, data: rows.map(({ title }) => title) },
-      ...{ axisLine: { show: false }, axisTick: { show: false } },
+      type: 'category',
+      inverse: true,
+      data: rows.map(({ title }) => title),
+      axisLine: { show: false },
+      axisTick: { show: false },
       axisLabel: { ...axisText, interval: 0 },
     },
     series: {
-      ...{ type: 'custom', renderItem: drawBar, encode: { x: 0, y: 1 } },
+      type: 'custom',
+      renderItem: drawBar,
+      encode: { x: 0, y: 1 },
       data: rows.flatMap(({ ratio }, index) => (ratio === undefined ? [] : [[ratio, index]])),
       markLine: {
-        ...{ silent: true, symbol: 'none', label: { show: false }, data: [{ xAxis: 1 }] },
+        silent: true,
+        symbol: 'none',
+        label: { show: false },
+        data: [{ xAxis: 1 }],
         lineStyle: { color: COLORS.text, type: 'solid', width: 1.5 },
       },
     },

@@ -320,7 +320,21 @@ const exists = (root, names) =>
   toLeaf(root, names, false, (leaf) => safeLeaf(leaf, true) !== undefined);
 
 module.exports = {
-  ...{ openRoot, openRelative, close: fs.closeSync, exists, read, list, capture, snapshot },
-  ...{ write, create, append, ensureDirectory, ensureRelativeSymlink, remove, removeIfEquals },
-  ...{ move, publishVerified },
+  openRoot,
+  openRelative,
+  close: fs.closeSync,
+  exists,
+  read,
+  list,
+  capture,
+  snapshot,
+  write,
+  create,
+  append,
+  ensureDirectory,
+  ensureRelativeSymlink,
+  remove,
+  removeIfEquals,
+  move,
+  publishVerified,
 };

@@ -147,5 +147,10 @@ function requireSameOutcome(runners, { shared, name }) {
 }
 
 module.exports = {
-  ...{ buildDirectory, buildFloor, makeRunner, requireSameOutcome, subjects, writeTree },
+  buildDirectory,
+  buildFloor,
+  makeRunner,
+  requireSameOutcome,
+  subjects,
+  writeTree,
 };

@@ -88,7 +88,11 @@ function small([name, content, calls], level, medium) {
   const operation = name.split(',')[0];
   return {
     name: `${name}, ${level === 1 ? 'one level' : 'six levels'}`,
-    ...{ operation, kind: 'small', level, medium, once },
+    operation,
+    kind: 'small',
+    level,
+    medium,
+    once,
     floor: name === 'remove, a directory' ? operation : name,
     subjects: name === 'write' ? [...ALL, 'write-file-atomic'] : ALL,
     layout: () => beneath(directories, Object.fromEntries(entries)),
@@ -122,8 +126,12 @@ const onFile = (size, bytes) =>
   onLeaf(`read of ${size}`, () => filled(bytes), { kind: bytes < 16 * KIB ? 'one file' : 'bulk' });
 
 const peakMemory = (operation, size, payload, content) => ({
-  ...{ name: `peak memory of ${operation} of ${size}`, operation, kind: 'memory', payload },
-  ...{ medium: 'memory', layout: () => ({ leaf: content() }) },
+  name: `peak memory of ${operation} of ${size}`,
+  operation,
+  kind: 'memory',
+  payload,
+  medium: 'memory',
+  layout: () => ({ leaf: content() }),
 });
 
 // Name, what it is compared with, content of the leaf.
@@ -138,7 +146,12 @@ const PROMISES = [
   ['memory of a thread', '10 MiB', () => ({})],
 ];
 const ofPromises = ([name, other, content]) => ({
-  ...{ name, other, operation: 'promises', kind: 'promises', level: 1, medium: 'disk' },
+  name,
+  other,
+  operation: 'promises',
+  kind: 'promises',
+  level: 1,
+  medium: 'disk',
   layout: () => ({ leaf: content() }),
 });
 
