@@ -28,6 +28,17 @@ type Functions = Omit<typeof synchronous, 'setTestHook' | 'exchangeForTest' | ke
 // What the functions of this module offer beyond the synchronous ones.
 interface More {
   /**
+   * Closes a root, after the calls that were made before. Every call after it is refused. Closing a
+   * root again does nothing.
+   *
+   * @param options The signal is only looked at when the call is made. If it is aborted by then, the
+   *   call rejects with its reason and the root stays open. Later it has no effect.
+   * @throws `FILESYSTEM_FAILURE` The argument is not a root of this module, or the system reported an
+   *   error.
+   */
+  close(root: promises.Root, options?: promises.Options): Promise<void>;
+
+  /**
    * As the synchronous `read`.
    *
    * @param options With `maxBytes`, a larger file rejects with `FILESYSTEM_FAILURE` before memory is
@@ -76,6 +87,8 @@ interface More {
    * Flushed: the content, the new name, the removal of the old one, and every new directory.
    *
    * @param file The candidate, from {@link openFile}. It stays open, and its position does not move.
+   *   Do not close it before the promise settles: the call would reject, with `CANDIDATE_CHANGED`,
+   *   `NOT_FOUND` or another code.
    * @param candidate The path of the file.
    * @param destination Its final path.
    * @throws `CANDIDATE_CHANGED` The content has another hash or changed during the call; or the
@@ -103,7 +116,11 @@ interface More {
    * Finishes a publication that a crash stopped. Call it after a crash, while nothing publishes the
    * same candidate; other processes may write.
    *
-   * @returns What there is afterwards. `'published'`: the file has its final name only, and both names
+   * If only the destination exists, the result is `'published'`, whatever regular file that is. The
+   * call knows neither the candidate nor its content then. If another program can create a file with
+   * this name, open the file with {@link openFile} and compare its hash with the expected one.
+   *
+   * @returns What there is afterwards. `'published'`: a file has the final name only, and both names
    *   are flushed. `'candidate'`: the file was not published. `'nothing'`: neither name exists.
    * @throws `OPTIMISTIC_CONFLICT` Both names exist and are different entries. Nothing was removed.
    * @throws `PATH_OUT_OF_ROOT` Wrong segments or a closed root; or both paths lead to one entry; or the
@@ -176,7 +193,10 @@ declare namespace promises {
 
   /** The last argument of every function. */
   interface Options {
-    /** Rejects a call that no thread has taken yet with the reason of the signal. */
+    /**
+     * Rejects a call that no thread has taken yet with the reason of the signal. {@link close} only
+     * looks at it when the call is made.
+     */
     signal?: Signal;
   }
 
