@@ -6,7 +6,9 @@ const assert = require('node:assert/strict');
 const { close, openRoot } = require('../../promises/index.js');
 const { descriptors, enterSandbox, leaveSandbox, place } = require('./harness.js');
 
-// Keeps the threads running between the tests. They do not keep the process running.
+// Two threads show what more would show, and start sooner. This root keeps them running between the
+// tests. It does not keep the process running.
+process.env.UV_THREADPOOL_SIZE = '2';
 const keeper = openRoot(place.base);
 
 // Runs `body` on a root of tarvek/promises with this layout, and on a sandbox with it as `handle`.
