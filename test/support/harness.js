@@ -83,10 +83,11 @@ function descriptors(except = []) {
   return entries.filter((entry) => !IGNORED.test(entry));
 }
 
-// Removes what is in a directory. fs.rmSync takes twice as long.
+// Removes what is in a directory. fs.rmSync takes twice as long. The paths are Buffers, because a name
+// may not be UTF-8.
 function empty(directory) {
-  for (const entry of fs.readdirSync(directory, { withFileTypes: true })) {
-    const at = path.join(directory, entry.name);
+  for (const entry of fs.readdirSync(directory, { withFileTypes: true, encoding: 'buffer' })) {
+    const at = Buffer.concat([Buffer.from(directory), Buffer.from('/'), entry.name]);
     if (entry.isDirectory()) {
       empty(at);
       fs.rmdirSync(at);
