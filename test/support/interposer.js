@@ -59,26 +59,28 @@ function note(...words) {
   record.write(`${text}\t0\n\0`, record.indexOf(0));
 }
 
-// The line for a call in a listing. Undefined for calls that the listings leave out: those of
-// openRoot above the root, because the number of directories there varies, and each readdir that
-// returns "." or "..", because their position depends on the file system.
-const isAbove = (at) => at.startsWith('/') && place.base.startsWith(at);
+// Whether the listings leave a call out: what openRoot does above the root, because the number of
+// directories there varies, and a readdir that returns "." or "..", because their position does. Kept
+// are the first and the last calls of openRoot, on "/", and those that lead from above to the root.
+function isLeftOut(name, [at, second, index]) {
+  if (at === 'root-ancestor-open') return index < place.depth - 1;
+  if (name === 'readdir') return second !== undefined;
+  const isAbove = at.startsWith('/') && place.base.startsWith(at);
+  const isOnSlash = at === '/' && ['open', 'dup', 'close'].includes(name);
+  return isAbove && second !== 'root' && !isOnSlash;
+}
+
+// The line for a call in a listing.
 const isBelow = (at) => at === place.base || at.startsWith(place.root);
 function lineOf(name, args, error) {
-  const [first, second, third] = args;
   const words = args.map((arg) => (isBelow(arg) ? path.relative(place.root, arg) || '.' : arg));
-  if (first === 'root-ancestor-open') {
-    words[2] = third - place.depth;
-    if (words[2] < -1) return undefined;
-  }
-  if (name === 'readdir' && second) return undefined;
-  const isOnSlash = first === '/' && !name.endsWith('at') && name !== 'fstat';
-  if (isAbove(first) && second !== 'root' && !isOnSlash) return undefined;
+  if (words[0] === 'root-ancestor-open') words[2] -= place.depth;
   if (error) words.push('=', error);
   return [name, ...words].map((word) => (word === '' ? '""' : word)).join(' ');
 }
 
-// The recorded system calls, hooks and stages, in order. `nth` numbers the system calls only.
+// The recorded system calls, hooks and stages, in order. `nth` numbers the system calls only. `text`
+// is undefined for those that the listings leave out.
 function recordedCalls() {
   const text = record
     .toString('utf8', 0, record.indexOf(0))
@@ -95,7 +97,12 @@ function recordedCalls() {
       const error = code > 0 ? getSystemErrorName(-code) : undefined;
       const isCall = name !== 'hook' && name !== 'stage';
       if (isCall) count += 1;
-      return { nth: isCall ? count : undefined, name, error, text: lineOf(name, args, error) };
+      return {
+        nth: isCall ? count : undefined,
+        name,
+        error,
+        text: isLeftOut(name, args) ? undefined : lineOf(name, args, error),
+      };
     });
 }
 
