@@ -21,7 +21,7 @@ module.exports = {
         fstat     .                                     ! fails type: outside; once identity: outside; once type: -
         hook      root-ancestor-open root -1
         fstatat   .. root NOFOLLOW                      ! fails identity type: outside
-        enter     NEAR root-ancestor-open               ! close: *
+        enter     NEAR root-ancestor-open
         openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
         fstat     NEAR/leaf                             ! fails type: outside; identity: other; once identity: outside; once type: -
         hook      root-ancestor-open leaf #NEAR         ! NEAR/ NEAR/leaf/: outside

@@ -18,8 +18,7 @@ const FIELDS = {
 FIELDS.all = [...Object.values(FIELDS).flat(), 'mode'];
 
 const FAULTS = ['fails', 'short', 'zero', 'close', 'bytes', ...FIELDS.all];
-// A star on the line of a sequence removes a note of the sequence.
-const OUTCOMES = [...failures.keys(), '-', 'false', 'less', 'other', '*'];
+const OUTCOMES = [...failures.keys(), '-', 'false', 'less', 'other'];
 
 const isErrno = (word) => word in constants.errno;
 // Directories that a hook swaps: each one on the way to this place, and the leaf below it.
@@ -97,8 +96,7 @@ function addNotes({ text, notes }, added) {
   const isOpen = /^openat.*CLOEXEC$/.test(text);
   const isHook = text.startsWith('hook');
   const matching = Object.entries(added).filter(([word]) => (isErrno(word) ? isOpen : isHook));
-  const all = Object.entries({ ...notes, ...Object.fromEntries(matching) });
-  return { text, notes: Object.fromEntries(all.filter(([, outcome]) => outcome !== '*')) };
+  return { text, notes: { ...notes, ...Object.fromEntries(matching) } };
 }
 
 // The lines with every sequence replaced by its calls, and every word in capitals by a path. A call
