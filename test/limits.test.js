@@ -144,26 +144,31 @@ function expectDepth(operation, argument, count) {
 }
 table('extreme depth fails without a crash and leaks no descriptor', DEEP, expectDepth);
 
-// The name, the function and its argument, the number and the size of the files in d, how many such
-// files fit into the free address space, and how many calls succeed at least.
-const SCARCE = [
-  ['read of 64 MiB', 'read', ['d', '0'], 1, 64 * MIB, 1.6, 1],
-  ['read of 4 MB', 'read', ['d', '0'], 1, 3_900_000, 12, 8],
-  ['read of 100 KB', 'read', ['d', '0'], 1, 100_000, 50, 20],
-  ['capture of 8 × 4 MB', 'capture', [['d']], 8, 3_900_000, 4.5, 0],
-  ['snapshot of 8 × 4 MB', 'snapshot', ['d'], 8, 3_900_000, 4.5, 0],
-];
+// `count` files of `size` bytes are in d. As many bytes as `room` files have fit into the free address
+// space, and at least `least` calls succeed.
+const SCARCE = {
+  'read of 64 MiB': { operation: 'read', count: 1, size: 64 * MIB, room: 1.6, least: 1 },
+  'read of 4 MB': { operation: 'read', count: 1, size: 3_900_000, room: 12, least: 8 },
+  'read of 100 KB': { operation: 'read', count: 1, size: 100_000, room: 50, least: 20 },
+  'capture of 8 × 4 MB': { operation: 'capture', count: 8, size: 3_900_000, room: 4.5, least: 0 },
+  'snapshot of 8 × 4 MB': { operation: 'snapshot', count: 8, size: 3_900_000, room: 4.5, least: 0 },
+};
+const ARGUMENTS = { read: ['d', '0'], capture: [['d']], snapshot: ['d'] };
 // A sanitizer takes so much address space for small blocks that the engine fails first.
-const scarce = SCARCE.filter(([, , , , size]) => size > MIB || !isSanitized);
+const scarce = Object.entries(SCARCE).filter(([, { size }]) => size > MIB || !isSanitized);
 
-function expectScarcity(operation, argument, count, size, fitting, least) {
+function expectScarcity({ operation, count, size, room, least }) {
   const files = Object.fromEntries(Array(count).fill('').entries());
   sandbox({ d: files }, (ctx) => {
     for (const name of Object.keys(files)) fs.truncateSync(ctx.at('d', name), size);
-    // The first call compiles what the later ones need, because compiling takes memory.
-    const limits = [[]];
-    const plan = { root: ctx.root, operation, argument, limits, room: Math.round(size * fitting) };
-    const printed = expectProgram('limited-call.js', plan);
+    const printed = expectProgram('limited-call.js', {
+      root: ctx.root,
+      operation,
+      argument: ARGUMENTS[operation],
+      // The first call compiles what the later ones need, because compiling takes memory.
+      limits: [[]],
+      room: Math.round(size * room),
+    });
     const [, succeeded, failure] = /^1 results\n(\d+) results, then (.*)$/s.exec(printed) ?? [];
     assert.equal(failure, STORAGE_FAILED, printed);
     assert.ok(Number(succeeded) >= least, printed);
@@ -205,10 +210,8 @@ table('a file larger than a Buffer is refused', LARGE, (size) => {
   sandbox({ d: { f: '' } }, (ctx) => {
     makeSparse(ctx.at('d', 'f'), size);
     for (const words of ['read d/f', 'capture d', 'snapshot d']) {
-      expectOutcome(
-        'storage',
-        thrownBy(() => call(ctx, words)),
-      );
+      const outcome = thrownBy(() => call(ctx, words));
+      expectOutcome('storage', outcome);
     }
   });
 });

@@ -26,18 +26,11 @@ module.exports = {
         [true, '["after-temp-write"]'],
       ]);
     },
-    'no argument, undefined and null remove the hook': (ctx) => {
-      for (const args of REMOVING) {
-        tarvek.setTestHook(assert.fail);
-        assert.equal(tarvek.setTestHook(...args), undefined);
-        fire(ctx);
-      }
-    },
-    'a refused argument removes the hook too': (ctx) => {
-      for (const args of REFUSED) {
+    'any argument but a function removes the hook, and some are refused': (ctx) => {
+      for (const args of [...REMOVING, ...REFUSED]) {
         tarvek.setTestHook(assert.fail);
         const { thrown } = thrownBy(() => tarvek.setTestHook(...args));
-        assert.equal(thrown?.code, 'FILESYSTEM_FAILURE');
+        assert.equal(thrown?.code, REFUSED.includes(args) ? 'FILESYSTEM_FAILURE' : undefined);
         fire(ctx);
       }
     },
