@@ -1,17 +1,42 @@
 'use strict';
 
 const assert = require('node:assert/strict');
-const { spawnSync } = require('node:child_process');
+const { once } = require('node:events');
 const fs = require('node:fs');
 const path = require('node:path');
+const { text } = require('node:stream/consumers');
 const test = require('node:test');
+const { Worker } = require('node:worker_threads');
 const { files } = require('../package.json');
+const { enterSandbox, leaveSandbox } = require('./support/harness.js');
 
-process.chdir(path.join(__dirname, '..'));
+const PACKAGE = path.join(__dirname, '..');
+process.chdir(PACKAGE);
 const textOf = (file) => fs.readFileSync(file, 'utf8');
 const packed = ['README.md', 'LICENSE', ...files];
 const inDocs = fs.readdirSync('docs').map((name) => `docs/${name}`);
 const pages = [...packed, ...inDocs].filter((name) => name.endsWith('.md'));
+
+// Only a file in this package finds it by its name.
+const scripts = path.resolve(fs.mkdtempSync('build/docs-'));
+test.after(() => fs.rmSync(scripts, { recursive: true }));
+const env = { ...process.env, NODE_TEST_CONTEXT: '', UV_THREADPOOL_SIZE: '1' };
+
+// Runs a program in an empty directory. In a thread, because a process takes longer to start.
+async function runExample(code) {
+  const file = path.join(scripts, code.startsWith('import') ? 'example.mjs' : 'example.cjs');
+  fs.writeFileSync(file, code);
+  const ctx = enterSandbox({});
+  process.chdir(ctx.root);
+  try {
+    const worker = new Worker(file, { env, stdout: true });
+    const [[status], stdout] = await Promise.all([once(worker, 'exit'), text(worker.stdout)]);
+    return { status, stdout };
+  } finally {
+    process.chdir(PACKAGE);
+    leaveSandbox(ctx);
+  }
+}
 
 // The anchors of a page's headings.
 function anchorsIn(page) {
@@ -39,15 +64,9 @@ for (const page of pages) {
   const examples = textOf(page).matchAll(/^```js\n(.*?)^```\n(?:\n```text\n(.*?)^```\n)?/gms);
   for (const { index, 1: code, 2: printed } of examples) {
     const line = textOf(page).slice(0, index).split('\n').length;
-    test(`an example runs, and prints what the page says: ${page}, line ${line}`, (t) => {
-      // In build, since only a file in this package finds it by its name.
-      const cwd = fs.mkdtempSync('build/docs-');
-      t.after(() => fs.rmSync(cwd, { recursive: true }));
-      const name = code.startsWith('import') ? 'example.mjs' : 'example.cjs';
-      fs.writeFileSync(path.join(cwd, name), code);
-      const env = { ...process.env, NODE_TEST_CONTEXT: undefined };
-      const run = spawnSync(process.execPath, [name], { cwd, env, encoding: 'utf8' });
-      assert.equal(run.status, 0, run.stderr);
+    test(`an example runs, and prints what the page says: ${page}, line ${line}`, async () => {
+      const run = await runExample(code);
+      assert.equal(run.status, 0);
       if (printed !== undefined) assert.equal(run.stdout, printed);
     });
   }

@@ -2,22 +2,10 @@
 
 const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
-const fs = require('node:fs');
-const os = require('node:os');
-const path = require('node:path');
-const test = require('node:test');
+const { assertTree, sandbox, table } = require('./support/harness.js');
+const { symlink } = require('./support/layouts.js');
 
-const cwd = fs.realpathSync(fs.mkdtempSync(path.join(os.tmpdir(), 'tarvek-examples-')));
-fs.mkdirSync(path.join(cwd, 'real', 'd'), { recursive: true });
-fs.symlinkSync('real', path.join(cwd, 'alias'));
-fs.symlinkSync('real', path.join(cwd, 'real', 'd', 'link'));
-test.after(() => fs.rmSync(cwd, { recursive: true }));
-
-const env = { ...process.env, TMPDIR: cwd, NODE_TEST_CONTEXT: undefined };
-
-function runNode(...args) {
-  return spawnSync(process.execPath, args, { cwd, env, encoding: 'utf8', timeout: 60_000 });
-}
+const LAYOUT = { alias: symlink('real'), real: { d: { link: symlink('real') } } };
 
 // The example with its arguments, its exit status, and what it prints.
 const RUNS = [
@@ -30,13 +18,18 @@ const RUNS = [
   ['tour alias', 0, /alias leads there through a symlink.* d\/link: symlink/s],
   ['tour nowhere', 1, /cannot start at .*nowhere: there is no such directory/],
 ];
+const runs = RUNS.map(([words, ...rest]) => [words, words.split(' '), ...rest]);
 
-for (const [command, status, output] of RUNS) {
-  test(`the example ${command}`, () => {
-    const [name, ...args] = command.split(' ');
-    const run = runNode(require.resolve(`../examples/${name}.js`), ...args);
+table('the example', runs, ([name, ...args], status, output) =>
+  sandbox(LAYOUT, ({ root: cwd }) => {
+    const file = require.resolve(`../examples/${name}.js`);
+    const { NODE_TEST_CONTEXT, ...rest } = process.env;
+    const env = { ...rest, TMPDIR: cwd, UV_THREADPOOL_SIZE: '2' };
+    const options = { cwd, env, encoding: 'utf8', timeout: 60_000 };
+    const run = spawnSync(process.execPath, [file, ...args], options);
     assert.match(run.stdout + run.stderr, output);
     assert.equal(run.status, status);
-    assert.deepEqual(fs.readdirSync(cwd).sort(), ['alias', 'real'], 'what it made is gone');
-  });
-}
+    // What it made is gone.
+    assertTree(LAYOUT);
+  }),
+);
