@@ -310,7 +310,7 @@ export function capture(handle: RootHandle, paths: readonly Segments[]): Capture
  * changes during the call: a file can come back with old and new bytes.
  *
  * @param segments The directory.
- * @returns A new object without a prototype: path below the directory to content. Two names that
+ * @returns A new object without a prototype: from the path below the directory to the content. Two names that
  *   differ only in bytes that are not UTF-8 share one key. The last one stays.
  * @throws `PATH_OUT_OF_ROOT` Wrong segments; or a directory is a symlink or not a directory, or was
  *   replaced during the call; or an entry below it is a symlink, a file with a second hard link,

@@ -75,7 +75,7 @@ async function nextPiece(chunks) {
   return Buffer.concat(parts);
 }
 
-// A client that stands still keeps its turn until the server's `requestTimeout`, 5 minutes.
+// A client that sends nothing keeps its turn until the server's `requestTimeout`, 5 minutes.
 async function receive(root, candidate, request) {
   // If storing fails, the request stays open for the answer.
   const chunks = request.iterator({ destroyOnReturn: false });

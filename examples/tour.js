@@ -381,7 +381,7 @@ async function tour(argument) {
   console.log(
     '\nNext: npx tarvek check DIR says what tarvek refuses in a directory of yours, and why;',
   );
-  console.log('      examples/server.js runs calls in a worker thread, behind promises.');
+  console.log('      examples/server.js stores uploads, with the functions of tarvek/promises.');
   return failed === 0;
 }
 
