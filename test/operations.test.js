@@ -22,6 +22,14 @@ const TYPES = fs.readFileSync(path.join(__dirname, '../index.d.ts'), 'utf8');
 const SYNCHRONOUS = ['setTestHook', 'exchangeForTest'];
 const HELP = '(CONTRIBUTING.md, "A new function", says what goes into it)';
 
+// What the file of a function must say.
+function partsOf({ call, takes, special }) {
+  const parts = special ? [] : ['call'];
+  if (call) parts.push('takes', 'refuses');
+  if (/segments|paths/.test(takes)) parts.push('kinds', 'scenarios');
+  return parts;
+}
+
 test('each function has its types, its promise, and tests in test/operations/', () => {
   const declared = Array.from(TYPES.matchAll(/^export function (\w+)/gm), ([, name]) => name);
   const names = new Set([...Object.keys(tarvek), ...declared, ...operations.keys()]);
@@ -33,12 +41,8 @@ test('each function has its types, its promise, and tests in test/operations/', 
     if (!hasPromise) lacking.push(`${name} in promises/index.js and promises/worker.js`);
     const file = operations.get(name);
     if (!file) lacking.push(`test/operations/${name}.js ${HELP}`);
-    const parts = [];
-    if (!file?.special) parts.push('call');
-    if (file?.call) parts.push('takes', 'refuses');
-    if (/segments|paths/.test(file?.takes)) parts.push('kinds', 'scenarios');
-    for (const part of parts)
-      if (file && !file[part]) lacking.push(`${part} in ${name}.js ${HELP}`);
+    const parts = file ? partsOf(file).filter((part) => !file[part]) : [];
+    lacking.push(...parts.map((part) => `${part} in ${name}.js ${HELP}`));
   }
   assert.deepEqual(lacking, [], 'add these');
 });

@@ -78,7 +78,8 @@ function stepsTo(at) {
   }));
 }
 
-// The notes of a line: NEAR/ becomes one note for each directory on the way to NEAR.
+// The notes of a line: NEAR/ becomes one note for each directory on the way to NEAR, and NEAR/leaf/
+// one for the leaf as well.
 function fillNotes(notes, words) {
   const filled = {};
   for (const [word, outcome] of Object.entries(notes)) {

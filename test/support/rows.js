@@ -34,13 +34,14 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
   const hasOther = template.includes('other');
   const call = template.replaceAll('leaf', leaf).replaceAll('other', other);
   const link = path.relative(path.join('/', ...far), path.join('/', leaf));
-  // Only the parent directories of the last path can be missing.
-  const layout = (contents, hasParents, wrap) => {
-    const [first, second] = typeof contents === 'function' ? contents(link) : contents;
-    const last = hasOther ? nest(far, { other: second }, wrap) : nest(near, { leaf: first }, wrap);
-    const rest = hasOther ? nest(near, { leaf: first }) : {};
-    return hasParents ? { ...rest, ...last } : rest;
+  const [beforeLeaf, beforeOther] = typeof before === 'function' ? before(link) : before;
+  const [afterLeaf, afterOther] = typeof after === 'function' ? after(link) : after;
+  // `wrap` is for the parent directories of the last path. Only these can be missing.
+  const layoutOf = (atLeaf, atOther, wrap) => {
+    if (!hasOther) return nest(near, { leaf: atLeaf }, wrap);
+    return { ...nest(near, { leaf: atLeaf }), ...nest(far, { other: atOther }, wrap) };
   };
+  const withoutParents = hasOther ? nest(near, { leaf: beforeLeaf }) : {};
   const text = isMissing ? definition.calls.replace(/^( *)make/gm, '$1made') : definition.calls;
   const words = {
     NEAR: near.join('/') || '.',
@@ -60,8 +61,8 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
     // The listing of a row in the root is the same with fewer directories.
     isLongest: near.length > 0 || definition.inRootOnly,
     mutates: after !== before,
-    before: layout(before, !isMissing),
-    after: layout(after, true, isMissing ? fresh : undefined),
+    before: isMissing ? withoutParents : layoutOf(beforeLeaf, beforeOther),
+    after: layoutOf(afterLeaf, afterOther, isMissing ? fresh : undefined),
     check(result, ctx) {
       if (definition.check) definition.check(result, ctx, leaf);
       else assert.deepEqual(result, definition.result);
@@ -99,21 +100,20 @@ const AROUND = { file: OLD, tree: { f: OLD }, twin: OLD };
 // Calls on an entry of each kind at the leaf d/f, and above it, at d: [name, layout, call, outcome].
 const kinds = fromEach(({ kinds: text = '' }) => {
   const [[, ...heads], ...rows] = lines(text);
-  return rows.flatMap(([call, ...cells]) =>
-    heads.slice(0, -1).flatMap((kind, column) => {
-      const [nothing, noParent] = cells.slice(-2);
-      const above = { nothing: noParent, 'a directory': nothing }[kind] ?? 'outside';
-      return KINDS[kind].flatMap((entry, i) => [
-        [
-          `${call}, d/f is ${kind} ${i}`,
-          { ...AROUND, d: { ...AROUND, f: entry } },
-          call,
-          cells[column],
-        ],
-        [`${call}, d is ${kind} ${i}`, { ...AROUND, d: entry }, call, above],
-      ]);
-    }),
-  );
+  return rows.flatMap(([call, ...cells]) => {
+    const [nothing, noParent] = cells.slice(-2);
+    const above = { nothing: noParent, 'a directory': nothing };
+    return heads.slice(0, -1).flatMap((kind, column) =>
+      KINDS[kind].flatMap((entry, i) => {
+        const atLeaf = { ...AROUND, d: { ...AROUND, f: entry } };
+        const atParent = { ...AROUND, d: entry };
+        return [
+          [`${call}, d/f is ${kind} ${i}`, atLeaf, call, cells[column]],
+          [`${call}, d is ${kind} ${i}`, atParent, call, above[kind] ?? 'outside'],
+        ];
+      }),
+    );
+  });
 });
 
 // The symlinks l/0, l/1 and so on: l/0 is the right one for the target a, and l/1 for l/d.
