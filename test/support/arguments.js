@@ -93,7 +93,7 @@ function* withWrongCount(args, kinds, order) {
 
 // The rows [name, layout, call, kinds, order] of all operations with their arguments.
 const LAYOUT = { f: OLD, g: {} };
-const called = [...operations.values()].filter(({ call }) => call);
+const called = [...operations.values()].filter(({ takes, refuses }) => takes && refuses);
 const calls = called.map(({ call, takes, refuses }) => {
   return [call, LAYOUT, call, takes.split(' '), refuses.split(' ')];
 });
