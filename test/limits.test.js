@@ -147,7 +147,7 @@ table('extreme depth fails without a crash and leaks no descriptor', DEEP, expec
 // `count` files of `size` bytes are in d. As many bytes as `room` files have fit into the free address
 // space, and at least `least` calls succeed.
 const SCARCE = {
-  'read of 64 MiB': { operation: 'read', count: 1, size: 64 * MIB, room: 1.6, least: 1 },
+  'read of 256 MiB': { operation: 'read', count: 1, size: 256 * MIB, room: 1.6, least: 1 },
   'read of 4 MB': { operation: 'read', count: 1, size: 3_900_000, room: 12, least: 8 },
   'read of 100 KB': { operation: 'read', count: 1, size: 100_000, room: 50, least: 20 },
   'capture of 8 × 4 MB': { operation: 'capture', count: 8, size: 3_900_000, room: 4.5, least: 0 },
