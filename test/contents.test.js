@@ -1,6 +1,6 @@
 'use strict';
 
-// The bytes, names and modes that the operations read, write and compare.
+// The bytes and names that the operations read, write and compare.
 
 const assert = require('node:assert/strict');
 const crypto = require('node:crypto');
