@@ -21,10 +21,6 @@ const { OLD, build, fifo, fresh, hardlink, symlink, treeOf } = require('./suppor
 const tarvek = require('./support/tarvek.js');
 
 const { finishPublish, openFile, publishFile, read, removeLeftovers } = promises;
-const sparse = (size) => (at) => {
-  fs.writeFileSync(at, '');
-  fs.truncateSync(at, size);
-};
 
 test('an open file stays the same file, and reads like any other', () =>
   inRoot({ d: { f: OLD } }, async (root) => {
@@ -82,14 +78,16 @@ function replace(at, successor) {
 // Makes a call. Another entry takes the place of this one right before a call of node:fs uses it.
 function replacedBefore(method, at, successor, call) {
   const original = fs[method];
-  fs[method] = (name, ...rest) => {
+  mock.method(fs, method, (name, ...rest) => {
     if (path.basename(String(name)) === path.basename(at)) {
-      fs[method] = original;
+      mock.restoreAll();
       replace(at, successor);
     }
     return original(name, ...rest);
-  };
-  return onRecord(call);
+  });
+  const outcome = onRecord(call);
+  mock.restoreAll();
+  return outcome;
 }
 
 const SUCCESSORS = {
@@ -112,15 +110,16 @@ const DENIED = ['existsSync', 'openSync'].map((method) => [`${method} fails`, me
 table('without /proc, a root is opened, and what needs it fails', DENIED, (method) =>
   inRoot({ f: OLD }, () => {
     const original = fs[method];
-    fs[method] = (at, ...rest) => {
+    mock.method(fs, method, (at, ...rest) => {
       if (!String(at).startsWith('/proc')) return original(at, ...rest);
       throw Object.assign(new Error(at), { code: 'ERR_ACCESS_DENIED' });
-    };
+    });
+    // It looks for /proc once, when it is loaded.
     const file = require.resolve('../promises/walk.js');
     delete require.cache[file];
     const { openRecord } = require(file);
     const record = openRecord(tarvek.openRoot(place.root), place.root);
-    fs[method] = original;
+    mock.restoreAll();
     const publish = () => publications.publishFile(record, 0, ['f'], ['g'], hashOf(OLD));
     const finish = () => publications.finishPublish(record, ['f'], ['g']);
     for (const call of [publish, finish]) expectOutcome('storage', thrownBy(call));
@@ -147,6 +146,7 @@ const REFUSALS = {
   'an open directory': ['candidate', { opened: place.at('s') }],
   'a closed file': ['outside', { before: (file) => file.close() }],
   'a number as the file': ['outside', { toFile: (file) => file.fd }],
+  'a negative number': ['outside', { toFile: () => ({ fd: -1 }) }],
   'a number beyond 32 bits': ['outside', { toFile: ({ fd }) => ({ fd: fd - 2 ** 32 }) }],
   'a wrong candidate': ['outside', { from: ['s', '..', 's', 'c'] }],
   'a wrong destination': ['outside', { to: [] }],
@@ -176,12 +176,12 @@ table('publishFile refuses', Object.entries(REFUSALS), ([expected, changes]) =>
   }),
 );
 
-const SIZES = [
-  ['a small one', OLD],
-  ['a large one', Buffer.alloc(3 * 2 ** 20, 'a piece')],
+const CONTENTS = [
+  ['a few bytes', OLD],
+  ['3 MiB', Buffer.alloc(3 * 2 ** 20, 'a piece')],
 ];
 
-table('publishFile gives a file its final name', SIZES, (content) =>
+table('publishFile gives a file its final name', CONTENTS, (content) =>
   inRoot({ s: { c: content } }, async (root) => {
     const sha256 = hashOf(content).toUpperCase();
     expectOutcome('-', (await publish(root, { sha256, to: ['n', 'm', 'd'] })).outcome);
@@ -350,8 +350,12 @@ test('removeLeftovers flushes the directories that it changed', () =>
     assert.deepEqual(watched(CHANGING, () => false, sweepHere).made, expected);
   }));
 
-// Without content on the disk. Their zeros take a while to read.
-const SLOW = Object.fromEntries(Array.from({ length: 20 }, (_, i) => [`f${i}`, sparse(2 ** 23)]));
+// Files of 8 MiB that take no room on the disk, but a while to read.
+const sparse = (at) => {
+  fs.writeFileSync(at, '');
+  fs.truncateSync(at, 8 * 2 ** 20);
+};
+const SLOW = Object.fromEntries(Array.from({ length: 20 }, (_, i) => [`f${i}`, sparse]));
 
 test('capture tells how far it is, at most ten times a second, where it was called', () =>
   inRoot({ d: SLOW }, async (root) => {

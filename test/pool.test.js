@@ -49,9 +49,13 @@ const isOver = (thread) => !running.has(thread);
 
 async function until(holds, what) {
   const end = performance.now() + 20_000;
-  for (; !holds(); await sleep(5)) assert.ok(performance.now() < end, what);
+  while (!holds()) {
+    assert.ok(performance.now() < end, what);
+    await sleep(5);
+  }
 }
 
+// What a pool of two threads does with calls on one root.
 const ON_A_ROOT = {
   'calls run at the same time, and none is sent to a thread that flushes': async (root) => {
     let busiest = 0;
@@ -101,7 +105,7 @@ const ON_A_ROOT = {
     assert.equal(running.size, 2, 'a new thread runs');
     first.terminate();
     await until(() => isOver(first), 'it runs');
-    for (const when of ['while a thread tries to', 'after all have tried to']) {
+    for (const when of ['while new threads try to', 'after they have tried to']) {
       const lost = await outcomeOf(exists(root, ['f']));
       assert.match(lost.thrown.cause.message, /no thread could open/, when);
     }
@@ -167,7 +171,8 @@ async function fillHeap() {
   assert.equal(await exists(root, ['none']), false);
 }
 
-const WITHOUT_THREADS = {
+// These start and end a pool of their own.
+const POOLS = {
   'a thread with a full heap ends, and a forgotten root is closed': async () => {
     await fillHeap();
     await until(() => {
@@ -204,7 +209,7 @@ const WITHOUT_THREADS = {
     }
   },
 };
-table('the pool', Object.entries(WITHOUT_THREADS), async (body) => {
+table('the pool', Object.entries(POOLS), async (body) => {
   await close(await keeper);
   await until(() => running.size === 0, 'threads remain');
   const before = descriptors().length;
