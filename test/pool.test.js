@@ -55,7 +55,7 @@ async function until(holds, what) {
   }
 }
 
-// What a pool of two threads does with calls on one root.
+// In a pool of two threads.
 const ON_A_ROOT = {
   'calls run at the same time, and none is sent to a thread that flushes': async (root) => {
     let busiest = 0;
@@ -145,7 +145,7 @@ const ON_A_ROOT = {
       }
       return { isLinear: aborting < making, heap: process.memoryUsage().heapUsed };
     };
-    // The first round also compiles.
+    // The first round also compiles. In the second one, the heap grows only by what the calls leave.
     const before = await round(CALLS);
     const after = await round(CALLS / 2);
     assert.ok(before.isLinear, 'aborting the calls took longer than making them');
