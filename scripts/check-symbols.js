@@ -72,6 +72,7 @@ function linkFaults(file) {
     ...needed.filter((name) => !LIBRARIES.test(name)).map((name) => `${name} is linked`),
     /\((RPATH|RUNPATH)\)/.test(dynamic) && 'libraries are looked for in a folder of its own',
     !/\(FLAGS_1\).*\bNOW\b/.test(dynamic) && 'symbols are bound lazily',
+    !/\(FLAGS_1\).*\bNODELETE\b/.test(dynamic) && 'the last worker that ends unloads the module',
     !/^ +GNU_RELRO /m.test(segments) && 'the relocation tables stay writable',
     !/^ +GNU_STACK .* RW +0x/m.test(segments) && 'the stack may be executable',
   ].filter(Boolean);
