@@ -75,13 +75,16 @@ const special = [...operations].flatMap(([name, operation]) =>
 );
 table('an operation does what is special about it', special, sandbox);
 
-// After an outcome, the directory `made` exists only if the call names it, and `never` does not.
+// After an outcome, the directory `made` exists only if the call names it, and `never` does not. A call
+// that needs an entry does not create its parent directory.
 function expectRow(layout, call, expected) {
   sandbox(layout, (ctx) => {
     const result = expectCall(expected, ctx, call);
     if (isExternal(result)) tarvek.close(result);
     assert.equal(fs.existsSync(ctx.at('made')), call.includes(' made/'), '`made` exists');
     assert.equal(fs.existsSync(ctx.at('never')), false, '`never` exists');
+    if (expected !== 'missing') return;
+    assert.equal(fs.existsSync(ctx.at('d')), layout.d !== undefined, '`d` exists');
   });
 }
 table('a wrong kind of entry at the leaf or above it is refused', kinds, expectRow);
