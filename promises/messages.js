@@ -70,11 +70,12 @@ function reduceArgument(value) {
   return ArrayBuffer.isView(value) ? copyOf(value) : null;
 }
 
-// The arguments as the synchronous functions take them.
+// The arguments as the synchronous functions take them. Memory can be longer than its bytes, with bytes of
+// another call behind them.
 const restoreArgument = (value) =>
   value?.memory ? new Uint8Array(value.memory, 0, value.length) : value;
 
-// The memory that a message with these arguments, and the answer to it, move.
+// The memory that moves with these arguments, to a thread and back.
 const movedWith = (args) =>
   args.filter((value) => value?.memory?.byteLength >= MOVED_FROM).map(({ memory }) => memory);
 

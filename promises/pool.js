@@ -17,7 +17,7 @@ const { AsyncResource } = require('node:async_hooks');
 const path = require('node:path');
 const { Worker } = require('node:worker_threads');
 const { failureOf } = require('./failures.js');
-const { keep } = require('./memory.js');
+const memory = require('./memory.js');
 const { movedWith } = require('./messages.js');
 
 // What a thread runs. Undefined in a bundle, where the path of this module is missing or relative.
@@ -95,7 +95,11 @@ function take(fits) {
 const watched = new Map();
 
 function abort({ target }) {
-  for (const place of watched.get(target) ?? []) vacate(place).abort(target.reason);
+  for (const place of watched.get(target) ?? []) {
+    const call = vacate(place);
+    call.abort(target.reason);
+    movedWith(call.args).filter(memory.isReusable).forEach(memory.keep);
+  }
 }
 
 function watch(place, signal) {
@@ -152,11 +156,11 @@ function receive(thread, answer) {
   }
   const call = thread.sent.shift();
   thread.hasAnswered = true;
-  answer.memories.forEach(keep);
   if (call.opens && !answer.failure) thread.roots.add(call.opens);
   if (call.name === 'close') thread.roots.delete(call.root);
   feed(thread);
   call.settle(answer);
+  answer.memory.forEach(memory.keep);
 }
 
 // Sends a call to this thread alone. Its own calls go before those of the queue.

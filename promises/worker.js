@@ -9,13 +9,14 @@
 //   opens        { id, identity } if the call opens a root: the id it gets, and its identity if another
 //                thread has opened it already
 //
-// The answer is { result, memories }, or { failure, memories } with the code and message of an error.
-// `memories` is the memory that moved with the call. A function may send { progress } before, by `tell`.
+// The answer is { result, memory }, or { failure, memory } with the code and message of an error. `memory` is
+// that of the arguments, for later calls. A function may send { progress } before, by `tell`.
 
 const { parentPort } = require('node:worker_threads');
 const tarvek = require('../index.js');
 const { failureOf } = require('./failures.js');
 const { removeLeftovers } = require('./leftovers.js');
+const { free, isReusable } = require('./memory.js');
 const { movedWith, pack, restoreArgument } = require('./messages.js');
 const { openFile, readAtMost } = require('./open-file.js');
 const { finishPublish, publishFile } = require('./publish.js');
@@ -109,14 +110,24 @@ function perform({ name, root, args, opens }) {
   return opens.identity ? openSame(opens, open) : openFirst(opens.id, open);
 }
 
+// Returns the memory of the arguments that later calls can use again. Frees the rest: a thread creates little
+// garbage, so its collector would come late.
+function reusableOf(args) {
+  const memory = movedWith(args);
+  const reusable = memory.filter(isReusable);
+  for (const large of memory.filter((one) => !isReusable(one))) free(large);
+  return reusable;
+}
+
 async function answer(message) {
-  // The memory of the arguments goes back for later calls.
-  const memories = movedWith(message.args);
   try {
     const [result, moved] = pack(message.name, await perform(message));
-    parentPort.postMessage({ result, memories }, [...moved, ...memories]);
+    const memory = reusableOf(message.args);
+    parentPort.postMessage({ result, memory }, [...moved, ...memory]);
   } catch (error) {
-    parentPort.postMessage({ failure: failureOf(error), memories }, memories);
+    // If it was the message that failed, it has moved nothing.
+    const memory = reusableOf(message.args);
+    parentPort.postMessage({ failure: failureOf(error), memory }, memory);
   }
 }
 
