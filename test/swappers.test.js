@@ -51,15 +51,11 @@ const FUNCTIONS = {
   openFile: (root) => contentOf(openFile(root, FROM)),
   async publishFile(root) {
     const file = await openFile(root, FROM);
-    try {
-      await publishFile(root, file, FROM, TO, { sha256 });
-    } finally {
-      await file.close();
-    }
+    const { thrown } = await outcomeOf(publishFile(root, file, FROM, TO, { sha256 }));
+    await file.close();
+    if (thrown) throw thrown;
   },
-  async finishPublish(root) {
-    await finishPublish(root, FROM, TO);
-  },
+  finishPublish: (root) => finishPublish(root, FROM, TO),
 };
 
 // The disk outside, without the numbers of links: one swap creates a hard link.
