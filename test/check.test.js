@@ -107,7 +107,8 @@ test('entries are looked at in the directory that was opened, whatever takes its
     const found = [];
     for (const { path: name } of check(root, ['inside'])) {
       found.push(name);
-      if (name !== 'inside/a') continue;
+      // While descriptors are open.
+      if (name === 'inside/c') break;
       fs.renameSync(at('inside'), at('away'));
       fs.symlinkSync('outside', at('inside'));
       fs.unlinkSync(at('away', 'b'));
@@ -141,18 +142,6 @@ table('an entry that changes is not followed', RACES, (method, before, after, ex
     }
   }),
 );
-
-test('a path beyond PATH_MAX is walked, and neither its end nor a break leaks a descriptor', () => {
-  sandbox({ real: {} }, ({ root, handle, at }) => {
-    const names = [...Array(20).fill('n'.repeat(250)), 'link'];
-    tarvek.ensureRelativeSymlink(handle, names, ['real']);
-    const [found, ...others] = check(root);
-    assert.deepEqual([found.path, others], [names.join('/'), []]);
-    for (const _ of check(root, names)) break;
-    // fs.rmSync fails on a path that is too long.
-    execFileSync('rm', ['-r', at(names[0])]);
-  });
-});
 
 const SYMLINK = 'symlink \\(PATH_OUT_OF_ROOT\\)\n';
 // The arguments, the exit status, and what is printed.
