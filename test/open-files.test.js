@@ -65,8 +65,8 @@ function intercepted(functions, before, call) {
       return original(at, ...rest);
     });
   }
-  const walk = require('../promises/walk.js');
   const outcome = thrownBy(() => {
+    const walk = require('../promises/walk.js');
     const record = walk.openRecord(tarvek.openRoot(place.root), place.root);
     try {
       return call(record);
