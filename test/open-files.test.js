@@ -232,20 +232,16 @@ const CALLS = [
   ['removeLeftovers', sweepHere, { s: { e: { [temporary('a')]: '' }, f: {} } }, SWEEPING],
 ];
 
-table(
-  'names are flushed in order, and whatever call fails, all files are closed',
-  CALLS,
-  async (call, layout, expected) => {
-    let isFailing = true;
-    for (let number = 1; isFailing; ++number) {
-      await inRoot(layout, () => {
-        const { outcome, changes } = failing(ALL, (nth) => nth === number, call);
-        isFailing = 'thrown' in outcome;
-        if (!isFailing) assert.deepEqual(changes, expected);
-      });
-    }
-  },
-);
+table('flushes are in order, failures close all files', CALLS, async (call, layout, expected) => {
+  let isFailing = true;
+  for (let number = 1; isFailing; ++number) {
+    await inRoot(layout, () => {
+      const { outcome, changes } = failing(ALL, (nth) => nth === number, call);
+      isFailing = 'thrown' in outcome;
+      if (!isFailing) assert.deepEqual(changes, expected);
+    });
+  }
+});
 
 const steps = [...PUBLISHING, 'the end'].map((step, index) => [step, index + 1]);
 
