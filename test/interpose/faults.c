@@ -223,3 +223,4 @@ WRAP(read, "dpn")       WRAP(pread, "dpni")     WRAP(write, "dbn")      WRAP(rea
 WRAP(dup, "d")          WRAP(close, "d")        WRAP(fsync, "d")        WRAP(getrandom, "pni")
 WRAP(mkdirat, "dsm")    WRAP(unlinkat, "dsa")   WRAP(linkat, "dsdsa")   WRAP(renameat, "dsds")
 WRAP(readdir, "D*")     WRAP(closedir, "D")     WRAP(fdopendir, "d*")   WRAP(syscall, "cdsdsr")
+WRAP(malloc, "n*")

@@ -56,9 +56,7 @@ module.exports = {
       after: [fresh(BYTES.NEW)],
       makes: true,
       calls: `
-        make      NEAR                                                          ! bytes: storage
-        hook      pre-effect leaf #NEAR                                         ! NEAR/ close: outside; bytes: storage
-        prove     NEAR
+        prepare   NEAR leaf                                                     ! bytes: storage
         fstatat   NEAR leaf NOFOLLOW = ENOENT                                   ! ENOENT: -
         hook      append-leaf-open leaf #NEAR                                   ! bytes: storage
         openat    NEAR leaf WRONLY|CREAT|APPEND|NONBLOCK|NOFOLLOW|CLOEXEC 0600  ! ENOENT EINTR: -
@@ -77,9 +75,7 @@ module.exports = {
       before: [OLD],
       after: [OLD + BYTES.NEW],
       calls: `
-        make      NEAR                                                          ! bytes: storage
-        hook      pre-effect leaf #NEAR                                         ! NEAR/ close: outside; bytes: storage
-        prove     NEAR
+        prepare   NEAR leaf                                                     ! bytes: storage
         fstatat   NEAR leaf NOFOLLOW                                            ! ENOENT: -; type names: outside; smaller negative: append; once identity: outside; once unlinked smaller negative: -
         hook      append-leaf-open leaf #NEAR                                   ! bytes: storage
         openat    NEAR leaf WRONLY|CREAT|APPEND|NONBLOCK|NOFOLLOW|CLOEXEC 0600  ! ENOENT EINTR: -

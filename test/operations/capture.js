@@ -31,9 +31,7 @@ module.exports = {
       before: [TREE],
       check: checkCaptured,
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR                    ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         fstatat   NEAR leaf NOFOLLOW                       ! link: link; special: special; once mode identity names size times: replacedDirectory
         openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
         fstat     NEAR/leaf                                ! fails all: replacedDirectory
@@ -59,7 +57,8 @@ module.exports = {
         fstatat   NEAR leaf NOFOLLOW                       ! all: changedDirectory
         close     NEAR/leaf
         prove     NEAR
-        close     NEAR`,
+        close     NEAR
+        malloc    3                                        ! fails: storage`,
     },
   },
   layout: {

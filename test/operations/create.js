@@ -14,9 +14,7 @@ module.exports = {
       after: [fresh(BYTES.NEW)],
       makes: true,
       calls: `
-        make      NEAR                                               ! bytes: storage
-        hook      pre-effect leaf #NEAR                              ! NEAR/ close: outside; bytes: storage
-        prove     NEAR
+        prepare   NEAR leaf                                          ! bytes: storage
         fstatat   NEAR leaf NOFOLLOW = ENOENT                        ! ENOENT: -
         openat    NEAR leaf WRONLY|CREAT|EXCL|NOFOLLOW|CLOEXEC 0600  ! EEXIST: exists
         write     NEAR/leaf "the new bytes" 13                       ! zero: outside

@@ -14,9 +14,7 @@ module.exports = {
       after: [fresh({})],
       makes: true,
       calls: `
-        make      NEAR
-        hook      pre-effect leaf #NEAR        ! NEAR/ close: outside
-        prove     NEAR
+        prepare   NEAR leaf
         fstatat   NEAR leaf NOFOLLOW = ENOENT  ! ENOENT: -
         mkdirat   NEAR leaf 0700
         fsync     NEAR

@@ -25,14 +25,10 @@ module.exports = {
       result: true,
       makes: true,
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR        ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         fstatat   NEAR leaf NOFOLLOW           ! type: outside
         close     NEAR
-        make      FAR
-        hook      pre-effect other #FAR        ! FAR/ close: outside
-        prove     FAR
+        prepare   FAR other
         fstatat   FAR other NOFOLLOW = ENOENT  ! ENOENT: -
         prove     FAR
         symlinkat LINK FAR other               ! EEXIST: entry
@@ -43,14 +39,10 @@ module.exports = {
       before: (link) => [TREE, symlink(link)],
       result: false,
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR  ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         fstatat   NEAR leaf NOFOLLOW     ! type: outside
         close     NEAR
-        make      FAR
-        hook      pre-effect other #FAR  ! FAR/ close: outside
-        prove     FAR
+        prepare   FAR other
         fstatat   FAR other NOFOLLOW     ! ENOENT: -; special: entry
         readlinkat FAR other SIZE        ! fails short zero: entry
         close     FAR`,

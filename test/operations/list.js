@@ -14,9 +14,7 @@ module.exports = {
       before: [TREE],
       result: ['s'],
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR                 ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
         fstat     NEAR/leaf                             ! fails link: outside; once identity: outside; once link: -
         fstatat   NEAR leaf NOFOLLOW                    ! fails link identity: outside

@@ -22,7 +22,7 @@ module.exports = {
       makes: true,
       calls: `
         walk      NEAR                         ! close: storage
-        make      FAR                          ! NEAR/: outside
+        MAKE      FAR                          ! NEAR/: outside
         hook      pre-effect leaf #NEAR        ! NEAR/ FAR/ close: outside
         prove     NEAR
         hook      pre-effect other #FAR        ! FAR/ close: outside

@@ -26,7 +26,7 @@ module.exports = {
       makes: true,
       calls: `
         walk      NEAR                              ! bytes: storage; close: storage
-        make      FAR                               ! NEAR/: outside; bytes: storage
+        MAKE      FAR                               ! NEAR/: outside; bytes: storage
         hook      pre-effect leaf #NEAR             ! NEAR/ FAR/ close: outside; bytes: storage
         prove     NEAR
         hook      pre-effect other #FAR             ! NEAR/ FAR/ close: outside; bytes: storage

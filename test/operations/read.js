@@ -14,12 +14,11 @@ module.exports = {
       before: [OLD],
       result: BYTES.OLD,
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR                ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         fstatat   NEAR leaf NOFOLLOW                   ! links type: outside; smaller: less; negative: storage; once identity: outside; once smaller negative: -
         openat    NEAR leaf NONBLOCK|NOFOLLOW|CLOEXEC
         fstat     NEAR/leaf                            ! links identity type: outside; smaller: less; negative: storage
+        malloc    19                                   ! fails: storage
         read      NEAR/leaf 19                         ! zero: less
         close     NEAR/leaf
         close     NEAR`,

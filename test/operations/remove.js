@@ -14,9 +14,7 @@ module.exports = {
       before: [OLD],
       after: [],
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR  ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         fstatat   NEAR leaf NOFOLLOW     ! links link: outside
         unlinkat  NEAR leaf 0
         fsync     NEAR
@@ -26,9 +24,7 @@ module.exports = {
       before: [{ s: { g: 'two' } }],
       after: [],
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR                   ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         fstatat   NEAR leaf NOFOLLOW                      ! link: outside; special: storage
         openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
         dup       NEAR/leaf                               ! fails: storage

@@ -15,9 +15,7 @@ module.exports = {
       before: [OLD],
       after: [],
       calls: `
-        walk      NEAR                                 ! bytes: storage
-        hook      pre-effect leaf #NEAR                ! NEAR/ close: outside; bytes: storage
-        prove     NEAR
+        reach     NEAR leaf                            ! bytes: storage
         fstatat   NEAR leaf NOFOLLOW                   ! type names: outside; size: removal; once mode identity times: removal
         hook      remove-if-equals-open leaf #NEAR     ! NEAR/ close: outside; bytes: storage
         openat    NEAR leaf NONBLOCK|NOFOLLOW|CLOEXEC

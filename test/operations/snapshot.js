@@ -31,9 +31,7 @@ module.exports = {
       before: [TREE],
       result: Object.assign(Object.create(null), { 's/g': Buffer.from('two') }),
       calls: `
-        walk      NEAR
-        hook      pre-effect leaf #NEAR                    ! NEAR/ close: outside
-        prove     NEAR
+        reach     NEAR leaf
         openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
         fstat     NEAR/leaf                                ! fails link: outside; once identity: outside; once link: -
         fstatat   NEAR leaf NOFOLLOW                       ! fails link identity: outside
@@ -45,6 +43,7 @@ module.exports = {
         fstatat   NEAR/leaf/s g NOFOLLOW                   ! links type: outside; smaller: less; negative: storage; once identity: outside; once smaller negative: -
         openat    NEAR/leaf/s g NONBLOCK|NOFOLLOW|CLOEXEC
         fstat     NEAR/leaf/s/g                            ! fails identity: outside; smaller: less; negative: storage
+        malloc    3                                        ! fails: storage
         read      NEAR/leaf/s/g 3                          ! zero: less
         close     NEAR/leaf/s/g
         close     NEAR/leaf/s

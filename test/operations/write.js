@@ -19,9 +19,7 @@ module.exports = {
       after: [fresh(BYTES.NEW)],
       makes: true,
       calls: `
-        make      NEAR                                                    ! bytes: storage
-        hook      pre-effect leaf #NEAR                                   ! NEAR/ close: outside; bytes: storage
-        prove     NEAR
+        prepare   NEAR leaf                                               ! bytes: storage
         fstatat   NEAR leaf NOFOLLOW = ENOENT                             ! ENOENT: -
         getrandom 16 0
         openat    NEAR .tarvek-* WRONLY|CREAT|EXCL|NOFOLLOW|CLOEXEC 0600

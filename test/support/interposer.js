@@ -5,27 +5,39 @@
 // status.
 
 const assert = require('node:assert/strict');
-const { spawnSync } = require('node:child_process');
+const { execFileSync, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const { getSystemErrorName } = require('node:util');
-const compile = require('./compile.js');
 const { descriptors, openNumbers, place, prepare, sandbox, thrownBy } = require('./harness.js');
 const { treeOf } = require('./layouts.js');
 const tarvek = require('./tarvek.js');
 
 const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.env;
 
+const CACHE = path.join(__dirname, '../../build/Release/CMakeCache.txt');
+const SOURCE = path.join(__dirname, '../interpose/faults.c');
 // Lazy binding: child processes other than Node load the library too, and have no Node-API.
-const OPTIONS = ['-std=c11', '-O1', '-Wall', '-Wextra', '-Werror', '-Wl,-z,lazy', '-ldl'];
+const OPTIONS = [
+  '-shared',
+  '-fPIC',
+  '-std=c11',
+  '-O1',
+  '-Wall',
+  '-Wextra',
+  '-Werror',
+  '-Wl,-z,lazy',
+  '-ldl',
+];
 
-// Compiles the library and runs the test file again with it.
+// Compiles the library, with the compiler that built the module, and runs the test file again with it.
 function restartPreloaded() {
   // LD_PRELOAD splits its value at spaces and colons.
   const directory = /[ :]/.test(place.base) ? fs.mkdtempSync('/tmp/tarvek-') : place.base;
   const preloaded = path.join(directory, 'faults.so');
-  compile('faults.c', preloaded, ...OPTIONS);
+  const [, compiler] = /^CMAKE_CXX_COMPILER:\w+=(.+)/m.exec(fs.readFileSync(CACHE, 'utf8'));
+  execFileSync(compiler, ['-x', 'c', SOURCE, ...OPTIONS, '-o', preloaded]);
   const env = {
     ...process.env,
     TARVEK_TEST_PRELOADED: preloaded,

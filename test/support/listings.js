@@ -22,7 +22,7 @@ const OUTCOMES = [...failures.keys(), '-', 'false', 'less', 'other'];
 
 const isErrno = (word) => word in constants.errno;
 // Directories that a hook swaps: each one on the way to this place, and the leaf below it.
-const SWAPPED = /^(NEAR|FAR|HERE)\/(leaf\/)?$/;
+const SWAPPED = /^(NEAR|FAR|HERE|DIR)\/(leaf\/)?$/;
 
 function checkNote(word, outcome) {
   if (!FAULTS.includes(word) && !isErrno(word) && !SWAPPED.test(word)) {
@@ -58,8 +58,11 @@ const SEQUENCES = path.join(__dirname, 'sequences.txt');
 const sequences = new Map();
 for (const section of fs.readFileSync(SEQUENCES, 'utf8').split('\n\n')) {
   const [heading, ...rest] = section.split('\n');
-  sequences.set(heading.split(' ')[0], parse(rest.join('\n')));
+  const [name, ...parameters] = heading.replace(/:.*/, '').split(' ');
+  sequences.set(name, { parameters, steps: parse(rest.join('\n')) });
 }
+
+const textsOf = (calls) => calls.map(({ text }) => text);
 
 // Puts paths in the place of words in capitals. "." in front of a name is left out.
 function fill(text, words) {
@@ -106,13 +109,15 @@ function expand(lines, words) {
   return lines.flatMap((line) => {
     const text = fill(line.text, words);
     const notes = fillNotes(line.notes, words);
-    const [name, DIR, POINT = 'ancestor-open'] = text.split(' ');
-    const steps = sequences.get(name);
-    if (!steps) return [{ text, notes }];
+    const [name, ...args] = text.split(' ');
+    if (!sequences.has(name)) return [{ text, notes }];
+    const { parameters, steps } = sequences.get(name);
+    const given = Object.fromEntries(args.map((arg, i) => [parameters[i], arg]));
+    const directories = stepsTo(given.DIR);
     const isRepeated = steps.some((step) => step.text.includes('UP'));
-    const places = isRepeated ? stepsTo(DIR) : [{}];
-    return places.flatMap((at) => {
-      const inner = { ...words, ...at, DIR, POINT };
+    return (isRepeated ? directories : [{}]).flatMap((at) => {
+      const defaults = { POINT: 'ancestor-open', '#DIR': directories.length };
+      const inner = { ...words, ...at, ...defaults, ...given };
       return steps.flatMap((step) => {
         const noted = addNotes(step, notes);
         const shared = `${name}: ${step.text} ${JSON.stringify(noted.notes)}`;
@@ -122,63 +127,37 @@ function expand(lines, words) {
   });
 }
 
-// The longest sequence at the start of these calls, as [line, number of its calls].
-function sequenceAt(calls) {
-  const places = new Set(calls.flatMap((call) => call.split(' ').slice(1)));
-  const points = new Set(calls.flatMap((call) => /^hook (\S+)/.exec(call)?.[1] ?? []));
-  let best = [calls[0], 1];
-  for (const name of sequences.keys()) {
-    for (const at of places) {
-      for (const point of ['', ...points]) {
-        const line = `${name} ${at} ${point}`.trim();
-        const texts = expand([{ text: line, notes: {} }], {}).map(({ text }) => text);
-        const isHere = texts.every((text, i) => text === calls[i]);
-        if (isHere && texts.length > best[1]) best = [line, texts.length];
-      }
-    }
-  }
-  return best;
+// The sequences at places of a listing, each as its line and its calls, the longest first.
+function sequencesAt(points, words) {
+  const places = ['NEAR', 'FAR', 'NEAR/leaf', 'NEAR/leaf/s'];
+  const ends = ['', ' leaf', ' other', ...points.map((point) => ` ${point}`)];
+  const lines = [...sequences.keys()].flatMap((name) =>
+    places.flatMap((at) => ends.map((end) => `${name} ${at}${end}`)),
+  );
+  const found = lines.map((line) => ({ line, calls: textsOf(expand(parse(line), words)) }));
+  return found
+    .filter(({ calls }) => calls.length > 1)
+    .sort((a, b) => b.calls.length - a.calls.length);
 }
 
-// The reverse of expand: the calls with the names of the sequences in them.
-function fold(calls) {
+// Puts the words for the directories below the root into a call.
+function unfill(call, { NEAR, FAR }) {
+  if (NEAR === '.') return call;
+  return call.replace(RegExp(` ${NEAR}\\b`), ' NEAR').replace(RegExp(` ${FAR}\\b`), ' FAR');
+}
+
+// The reverse of expand: one line for each sequence or other call.
+function fold(calls, words) {
+  const points = calls.flatMap((call) => /^hook (\S+)/.exec(call)?.[1] ?? []);
+  const candidates = sequencesAt([...new Set(points)], words);
   const folded = [];
   for (let i = 0; i < calls.length; ) {
-    const [line, length] = sequenceAt(calls.slice(i));
-    folded.push(line);
-    i += length;
+    const isHere = (sequence) => sequence.calls.every((call, k) => call === calls[i + k]);
+    const sequence = candidates.find(isHere);
+    folded.push(sequence ? sequence.line : unfill(calls[i], words));
+    i += sequence ? sequence.calls.length : 1;
   }
   return folded;
 }
 
-// The reverse of fill, for directories below the root.
-function unfill(text, { NEAR, FAR, '#NEAR': depth, '#FAR': otherDepth }) {
-  if (depth === 0) return text;
-  return text
-    .replaceAll(NEAR, 'NEAR')
-    .replaceAll(FAR, 'FAR')
-    .replace(`leaf ${depth}`, 'leaf #NEAR')
-    .replace(`other ${otherDepth}`, 'other #FAR');
-}
-
-// What differs, in lines with - and +, between the lines that are the same.
-function differenceOf(listed, actual, words) {
-  const [before, after] = [listed, actual].map((calls) => {
-    return fold(calls).map((line) => unfill(line, words));
-  });
-  const same = [];
-  while (after.length > 0 && before[0] === after[0]) {
-    same.push(`  ${after.shift()}`);
-    before.shift();
-  }
-  const rest = [];
-  while (after.length > 0 && before.at(-1) === after.at(-1)) {
-    rest.unshift(`  ${after.pop()}`);
-    before.pop();
-  }
-  const lacking = before.map((line) => `- ${line}`);
-  const added = after.map((line) => `+ ${line}`);
-  return [...same, ...lacking, ...added, ...rest].join('\n');
-}
-
-module.exports = { FIELDS: FIELDS.all, parse, expand, differenceOf };
+module.exports = { FIELDS: FIELDS.all, parse, expand, fold, textsOf };

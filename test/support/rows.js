@@ -42,7 +42,6 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
     return { ...nest(near, { leaf: atLeaf }), ...nest(far, { other: atOther }, wrap) };
   };
   const withoutParents = hasOther ? nest(near, { leaf: beforeLeaf }) : {};
-  const text = isMissing ? definition.calls.replace(/^( *)make/gm, '$1made') : definition.calls;
   const words = {
     NEAR: near.join('/') || '.',
     FAR: far.join('/') || '.',
@@ -50,8 +49,9 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
     '#FAR': far.length,
     LINK: link,
     SIZE: link.length + 1,
+    MAKE: isMissing ? 'made' : 'make',
   };
-  const listing = expand(parse(text), words);
+  const listing = expand(parse(definition.calls), words);
   return {
     name: [call, what, isMissing ? 'parents missing' : undefined].filter(Boolean).join(', '),
     operation: template.split(' ')[0],
