@@ -173,11 +173,9 @@ table(FAULTS, rowsOf(faulty), (scenario) => {
 // the first failure and of the later ones, and the outcome.
 const IN_A_ROW = lines(`
   read leaf                               read      fail  20  EINTR   EINTR   -
-  removeIfEquals leaf OLD                 pread     fail  20  EINTR   EINTR   -
   write leaf NEW stage, nothing           write     fail  20  EINTR   EINTR   -
   append leaf 19 4 NEW, a file            openat    fail  7   ENOENT  EINTR   -
   append leaf 19 4 NEW, a file            openat    fail  8   ENOENT  EINTR   storage
-  append leaf 19 4 NEW, a file            openat    fail  8   EINTR   ENOENT  missing
   write leaf NEW stage, nothing           write     fail  99  ENOSPC  ENOENT  missing
   write leaf NEW stage, nothing           renameat  fail  99  ENOENT  EIO     missing
   publishVerified fd:leaf leaf other OLD  unlinkat  fail  99  EIO     ENOENT  storage

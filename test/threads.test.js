@@ -5,13 +5,15 @@
 
 const assert = require('node:assert/strict');
 const { once } = require('node:events');
+const fs = require('node:fs');
 const path = require('node:path');
 const test = require('node:test');
 const { setImmediate: turn } = require('node:timers/promises');
 const { setFlagsFromString } = require('node:v8');
 const { runInNewContext } = require('node:vm');
 const { Worker } = require('node:worker_threads');
-const { expectProgram, place } = require('./support/harness.js');
+const { assertTree, place, sandbox } = require('./support/harness.js');
+const { BYTES, OLD } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
 setFlagsFromString('--expose-gc');
@@ -41,6 +43,8 @@ test('a hook is collected after it was replaced or removed, and not before', asy
   assert.equal(hooks[1].deref(), undefined, 'the removed hook is gone');
 });
 
+const TEMPORARY = new RegExp(`^\\.tarvek-${process.pid}-([1-9]\\d*)-([0-9a-f]{32})$`);
+
 // Runs a program of test/programs/ in a thread. Returns what it posts.
 async function runInThread(name, workerData) {
   const worker = new Worker(path.join(__dirname, 'programs', name), { workerData });
@@ -58,7 +62,11 @@ test('a hook is not called in another thread', async (t) => {
 test('threads number their temporary files together, so that no name is used twice', async () => {
   const threads = Array.from(Array(4), () => runInThread('temporary-names.js', place.base));
   const names = (await Promise.all(threads)).flat();
-  const numbers = names.map((name) => Number(/^\.tarvek-\d+-(\d+)-/.exec(name)[1]));
+  const parts = names.map((name) => TEMPORARY.exec(name));
+  const digits = parts.map(([, , random]) => random);
+  assert.equal(new Set(digits).size, names.length);
+  assert.doesNotMatch(digits.join(''), /0{16}/);
+  const numbers = parts.map(([, number]) => Number(number));
   numbers.sort((a, b) => a - b);
   assert.deepEqual(
     numbers,
@@ -66,6 +74,17 @@ test('threads number their temporary files together, so that no name is used twi
   );
 });
 
-test('descriptor 0 works like any other', () => {
-  expectProgram('descriptor-0.js');
+test('descriptor 0 works like any other', (t) => {
+  fs.closeSync(0);
+  t.after(() => fs.openSync('/dev/null'));
+  sandbox({ d: { f: OLD } }, ({ handle, at, open }) => {
+    const inner = tarvek.openRelative(handle, ['d']);
+    assert.equal(fs.fstatSync(0).isDirectory(), true);
+    assert.equal(tarvek.exists(inner, ['f']), true);
+    tarvek.close(inner);
+    assert.equal(tarvek.exists(handle, ['d']), true);
+    assert.equal(open(at('d', 'f')), 0);
+    tarvek.publishVerified(handle, 0, ['d', 'f'], ['p'], BYTES.OLD);
+    assertTree({ d: {}, p: OLD });
+  });
 });

@@ -54,8 +54,8 @@ static const struct Flag kOpenFlags[] = {
 static const struct Flag kAtFlags[] = {{AT_SYMLINK_NOFOLLOW, "NOFOLLOW"},
                                        {AT_REMOVEDIR, "REMOVEDIR"},
                                        {AT_SYMLINK_FOLLOW, "FOLLOW"},
+                                       {RENAME_EXCHANGE, "EXCHANGE"},
                                        {0, NULL}};
-static const struct Flag kRenameFlags[] = {{RENAME_EXCHANGE, "EXCHANGE"}, {0, NULL}};
 
 static void RecordFlags(long value, const struct Flag* flag) {
   const char* separator = "\t";
@@ -79,9 +79,9 @@ static void RecordPath(int fd) {
 }
 
 // `shape` has a letter for each argument: d a descriptor, D a directory stream, s a string, b
-// bytes if they are few, n a number of bytes, o the flags of an open, a the flags of another call,
-// r those of a renameat2, m a mode, i an integer, c the number of a system call, t a struct stat, p
-// an argument that is not recorded. A star at the end means that the call returns a pointer.
+// bytes if they are few, n a number of bytes, o the flags of an open, a the flags of another call, m
+// a mode, i an integer, c the number of a system call, t a struct stat, p an argument that is not
+// recorded. A star at the end means that the call returns a pointer.
 static void Record(const char* name, const char* shape, const long* a) {
   RECORD("%s", name);
   for (int i = 0; shape[i] != '\0'; ++i) {
@@ -95,7 +95,6 @@ static void Record(const char* name, const char* shape, const long* a) {
     if (shape[i] == 'o') RecordFlags(number, kOpenFlags);
     if (shape[i] == 'o' && (number & O_CREAT) != 0) RECORD("\t%#o", (unsigned)a[i + 1]);
     if (shape[i] == 'a') RecordFlags(number, kAtFlags);
-    if (shape[i] == 'r') RecordFlags(number, kRenameFlags);
     if (shape[i] == 'c') RECORD("\t%s", number == SYS_renameat2 ? "renameat2" : "unknown");
   }
 }
@@ -222,5 +221,5 @@ WRAP(fstat, "dt")       WRAP(__fxstat, "pdt")   WRAP(fstatat, "dsta")   WRAP(__f
 WRAP(read, "dpn")       WRAP(pread, "dpni")     WRAP(write, "dbn")      WRAP(readlinkat, "dspn")
 WRAP(dup, "d")          WRAP(close, "d")        WRAP(fsync, "d")        WRAP(getrandom, "pni")
 WRAP(mkdirat, "dsm")    WRAP(unlinkat, "dsa")   WRAP(linkat, "dsdsa")   WRAP(renameat, "dsds")
-WRAP(readdir, "D*")     WRAP(closedir, "D")     WRAP(fdopendir, "d*")   WRAP(syscall, "cdsdsr")
+WRAP(readdir, "D*")     WRAP(closedir, "D")     WRAP(fdopendir, "d*")   WRAP(syscall, "cdsdsa")
 WRAP(malloc, "n*")

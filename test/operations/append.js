@@ -13,10 +13,10 @@ const SIZES = `
 
 // How many of five bytes are written if the hook at "append-write" returns one of these values.
 const RETURNED = [
-  [5, [5, 6, 1e9, 2 ** 32 - 1, 2 ** 32 + 7, -1, undefined, null, '2', true, {}, [1], 2n]],
-  [4, [4, 4.999]],
-  [2, [2, 2.9, 2 ** 32 + 2, 2 - 2 ** 32]],
-  [0, [0, -0, 0.9, NaN, Infinity, -Infinity, 2 ** 32]],
+  [5, [undefined, '2', 2n, -1, 1e9, 2 ** 32 + 7]],
+  [4, [4.999]],
+  [2, [2 ** 32 + 2]],
+  [0, [0.9, NaN, Infinity]],
 ];
 
 function checkReturned(ctx, count, value) {
@@ -32,16 +32,17 @@ function checkReturned(ctx, count, value) {
   assert.equal(fired.at(-1), count === 0 ? 'append-write' : 'append-directory-fsync');
 }
 
-const special = {};
+const special = {
+  'a FIFO, put in place before the open, is refused at once': () => {
+    expectProgram('fifo.js', 'append f 0 0 NEW', 'append-leaf-open', 'outside', 'storage');
+  },
+};
 for (const [count, values] of RETURNED) {
   for (const value of values) {
     const title = `${count} bytes of five if its hook returns ${inspect(value)}`;
     special[title] = (ctx) => checkReturned(ctx, count, value);
   }
 }
-special['a FIFO, put in place before the open, is refused at once'] = () => {
-  expectProgram('fifo.js', 'append f 0 0 NEW', 'append-leaf-open', 'outside', 'storage');
-};
 
 module.exports = {
   call: 'append f 0 0 NEW',

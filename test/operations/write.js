@@ -1,11 +1,6 @@
 'use strict';
 
-const assert = require('node:assert/strict');
-const fs = require('node:fs');
-const { expectCall } = require('../support/harness.js');
 const { BYTES, fresh } = require('../support/layouts.js');
-
-const TEMPORARY = new RegExp(`^\\.tarvek-${process.pid}-([1-9]\\d*)-([0-9a-f]{32})$`);
 
 module.exports = {
   call: 'write f NEW stage',
@@ -35,24 +30,6 @@ module.exports = {
         fsync     NEAR
         stage     after-directory-sync
         close     NEAR`,
-    },
-  },
-  layout: { d: {} },
-  special: {
-    'temporary names with consecutive numbers and random digits': (ctx) => {
-      const names = new Set();
-      const look = () => {
-        const [name] = fs.readdirSync(ctx.at('d'));
-        if (name?.startsWith('.')) names.add(name);
-      };
-      for (let i = 0; i < 3; ++i) expectCall('-', ctx, 'write d/f NEW stage', look);
-      const parts = Array.from(names, (name) => TEMPORARY.exec(name));
-      const [first] = parts;
-      const counts = parts.map(([, count]) => count - first[1]);
-      assert.deepEqual(counts, [0, 1, 2]);
-      const digits = new Set(parts.map(([, , random]) => random));
-      assert.equal(digits.size, 3);
-      assert.doesNotMatch(first[2], /^((.)\2)+$/);
     },
   },
 };

@@ -8,25 +8,14 @@ const { operations } = require('./operations.js');
 
 const WRONG_TYPES = [undefined, null, true, 1, 'f', Symbol('f'), 1n, {}, () => {}];
 const allBut = (type) => WRONG_TYPES.filter((value) => typeof value !== type);
-const BAD_NAMES = ['', '.', '..', 'a/b', '/', 'f/'];
-const BAD_SEGMENT = [...BAD_NAMES, 'a\\b', '\\', 'a\0b', '\0'];
+const BAD_NAMES = ['', '.', '..', 'a/b', 'f/'];
+const namesWith = (bad) => [[bad], ['f', bad], [bad, 'f']];
+const BAD_SEGMENTS = [...BAD_NAMES, 'a\\b', 'a\0b'].flatMap(namesWith);
 const ENDLESS = [];
 ENDLESS.length = 2 ** 32 - 1;
-const SEGMENTS = [
-  ...WRONG_TYPES,
-  { 0: 'f', length: 1 },
-  [],
-  [1],
-  [['f']],
-  [new String('f')],
-  [undefined],
-  new Proxy(['f'], {}),
-  Array(3),
-  ENDLESS,
-  ...BAD_SEGMENT.flatMap((name) => [[name], ['f', name], [name, 'f']]),
-];
-const PATHS =
-  '/ // /tmp/ //tmp /tmp//x /tmp/./x /tmp/../x /nowhere/.. /. /.. /tmp\\x /tmp/\0/x /x\0';
+const NOT_NAMES = [{ 0: 'f', length: 1 }, [], [1], [['f']], new Proxy(['f'], {}), ENDLESS];
+const SEGMENTS = [...WRONG_TYPES, ...NOT_NAMES, ...BAD_SEGMENTS];
+const PATHS = '/ // /tmp/ //tmp /tmp//x /tmp/./x /tmp/../x /nowhere/.. /. /tmp\\x /tmp/\0/x /x\0';
 
 // A closed handle. Each sandbox has one of its own in its place.
 const CLOSED = { [inspect.custom]: () => 'a closed handle' };
@@ -46,8 +35,9 @@ const BAD = {
 
 // The order of the checks is a list of kinds. A failure stands before the kinds that cause it.
 const FAILURE = /^(outside|storage|closed)$/;
-function failureOf(order, kind) {
-  const before = order.slice(0, order.indexOf(kind)).filter((word) => FAILURE.test(word));
+function failureOf(order, ...kinds) {
+  const first = order.findIndex((word) => kinds.includes(word));
+  const before = order.slice(0, first).filter((word) => FAILURE.test(word));
   return before.at(-1);
 }
 
@@ -57,38 +47,27 @@ function replaceAt(args, index, value) {
   return replaced;
 }
 
-// One bad value in the place of an argument.
-function* withOneBad(args, index, kind, order) {
-  for (const value of BAD[kind]) {
-    yield {
-      what: inspect(value),
-      failure: failureOf(order, kind),
-      args: replaceAt(args, index, value),
-    };
-  }
-}
-
-// Two bad values: the check that comes first decides.
-function* withTwoBad(args, index, kinds, order) {
+// Each bad value at one argument. Then one of them with a bad value at each other argument: the check
+// that comes first decides.
+function wrongAt(index, args, kinds, order) {
   const kind = kinds[index];
-  const wrong = replaceAt(args, index, BAD[kind].at(-1));
-  for (const [j, other] of kinds.entries()) {
-    const first = order.find((one) => one === kind || one === other);
-    yield {
-      what: `with a bad ${other}`,
-      failure: failureOf(order, first),
-      args: replaceAt(wrong, j, BAD[other].at(-1)),
-    };
-  }
+  const alone = BAD[kind].map((value) => {
+    const failure = failureOf(order, kind);
+    return { what: inspect(value), failure, args: replaceAt(args, index, value) };
+  });
+  const wrong = alone.at(-1).args;
+  const together = kinds.map((other, j) => {
+    const failure = failureOf(order, kind, other);
+    return { what: `with a bad ${other}`, failure, args: replaceAt(wrong, j, BAD[other].at(-1)) };
+  });
+  return [...alone, ...together];
 }
 
 // A wrong number of arguments causes the first failure.
-function* withWrongCount(args, kinds, order) {
+function wrongCounts(args, kinds, [failure]) {
   const required = kinds.filter((kind) => kind !== 'stage').length;
-  const lists = [[], args.slice(0, required - 1), [...args, 1], Array(9).fill(Symbol('bad'))];
-  for (const list of lists) {
-    yield { what: `${list.length} arguments`, failure: order[0], args: list };
-  }
+  const lists = [[], args.slice(0, required - 1), [...args, 1]];
+  return lists.map((list) => ({ what: `${list.length} arguments`, failure, args: list }));
 }
 
 // The rows [name, layout, call, kinds, order] of all operations with their arguments.
@@ -98,16 +77,13 @@ const calls = called.map(({ call, takes, refuses }) => {
   return [call, LAYOUT, call, takes.split(' '), refuses.split(' ')];
 });
 
-// The rows [name, layout, call, wrong]: wrong(args) yields every { what, failure, args }.
+// The rows [name, layout, call, wrong]: wrong(args) returns a list of { what, failure, args }.
 const wrongCalls = calls.flatMap(([name, layout, call, kinds, order]) => {
   const perArgument = kinds.map((kind, index) => {
-    function* wrong(args) {
-      yield* withOneBad(args, index, kind, order);
-      yield* withTwoBad(args, index, kinds, order);
-    }
+    const wrong = (args) => wrongAt(index, args, kinds, order);
     return [`${name}, bad ${kind} as argument ${index}`, layout, call, wrong];
   });
-  const counting = (args) => withWrongCount(args, kinds, order);
+  const counting = (args) => wrongCounts(args, kinds, order);
   return [...perArgument, [`${name}, a wrong number of arguments`, layout, call, counting]];
 });
 

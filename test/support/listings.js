@@ -119,7 +119,7 @@ function expand(lines, words) {
       const defaults = { POINT: 'ancestor-open', '#DIR': directories.length };
       const inner = { ...words, ...at, ...defaults, ...given };
       return steps.flatMap((step) => {
-        const noted = addNotes(step, notes);
+        const noted = addNotes({ ...step, text: fill(step.text, inner) }, notes);
         const shared = `${name}: ${step.text} ${JSON.stringify(noted.notes)}`;
         return expand([noted], inner).map((call) => ({ shared, ...call }));
       });
@@ -143,7 +143,7 @@ function sequencesAt(points, words) {
 // Puts the words for the directories below the root into a call.
 function unfill(call, { NEAR, FAR }) {
   if (NEAR === '.') return call;
-  return call.replace(RegExp(` ${NEAR}\\b`), ' NEAR').replace(RegExp(` ${FAR}\\b`), ' FAR');
+  return call.replace(RegExp(` ${NEAR}\\b`, 'g'), ' NEAR').replace(RegExp(` ${FAR}\\b`), ' FAR');
 }
 
 // The reverse of expand: one line for each sequence or other call.
