@@ -145,31 +145,26 @@ table('extreme depth fails without a crash and leaks no descriptor', DEEP, expec
 
 // `count` files of `size` bytes are in d. As many bytes as `room` files have fit into the free address
 // space, and at least `least` calls succeed.
-const SCARCE = {
-  'read of 256 MiB': { operation: 'read', count: 1, size: 256 * MIB, room: 1.6, least: 1 },
-  'read of 4 MB': { operation: 'read', count: 1, size: 3_900_000, room: 12, least: 8 },
-  'capture of 8 × 4 MB': { operation: 'capture', count: 8, size: 3_900_000, room: 4.5, least: 0 },
-};
-const ARGUMENTS = { read: ['d', '0'], capture: [['d']] };
+const SCARCE = [
+  ['read of 256 MiB', 'read', ['d', '0'], { count: 1, size: 256 * MIB, room: 1.6, least: 1 }],
+  ['read of 4 MB', 'read', ['d', '0'], { count: 1, size: 3_900_000, room: 12, least: 8 }],
+  ['capture of 8 × 4 MB', 'capture', [['d']], { count: 8, size: 3_900_000, room: 4.5, least: 0 }],
+];
 
-function expectScarcity({ operation, count, size, room, least }) {
+function expectScarcity(operation, argument, { count, size, room, least }) {
   const files = Object.fromEntries(Array(count).fill('').entries());
   sandbox({ d: files }, (ctx) => {
     for (const name of Object.keys(files)) fs.truncateSync(ctx.at('d', name), size);
-    const printed = expectProgram('limited-call.js', {
-      root: ctx.root,
-      operation,
-      argument: ARGUMENTS[operation],
-      // The first call compiles what the later ones need, because compiling takes memory.
-      limits: [[]],
-      room: Math.round(size * room),
-    });
+    const bytes = Math.round(size * room);
+    // The first call compiles what the later ones need, because compiling takes memory.
+    const plan = { root: ctx.root, operation, argument, limits: [[]], room: bytes };
+    const printed = expectProgram('limited-call.js', plan);
     const [, succeeded, failure] = /^1 results\n(\d+) results, then (.*)$/s.exec(printed) ?? [];
     assert.equal(failure, STORAGE_FAILED, printed);
     assert.ok(Number(succeeded) >= least, printed);
   });
 }
-table('too little memory fails without a crash', Object.entries(SCARCE), expectScarcity);
+table('too little memory fails without a crash', SCARCE, expectScarcity);
 
 // Creates a file without data, as large as the file system accepts.
 function makeSparse(at, size) {

@@ -19,17 +19,7 @@ const { TARVEK_TEST_PRELOADED, LD_PRELOAD = '', ASAN_OPTIONS = '' } = process.en
 const CACHE = path.join(__dirname, '../../build/Release/CMakeCache.txt');
 const SOURCE = path.join(__dirname, '../interpose/faults.c');
 // Lazy binding: child processes other than Node load the library too, and have no Node-API.
-const OPTIONS = [
-  '-shared',
-  '-fPIC',
-  '-std=c11',
-  '-O1',
-  '-Wall',
-  '-Wextra',
-  '-Werror',
-  '-Wl,-z,lazy',
-  '-ldl',
-];
+const OPTIONS = '-shared -fPIC -std=c11 -O1 -Wall -Wextra -Werror -Wl,-z,lazy -ldl'.split(' ');
 
 // Compiles the library, with the compiler that built the module, and runs the test file again with it.
 function restartPreloaded() {
