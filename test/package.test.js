@@ -24,7 +24,6 @@ test('the native module has exactly its functions, in order, neither replaceable
     assert.equal(typeof value, 'function', name);
     assert.deepEqual(flags, { writable: false, enumerable: false, configurable: false }, name);
   }
-  assert.notEqual(native.open, native.openRoot);
 });
 
 test('require returns a plain object, which a console can show and a test can mock', (t) => {
@@ -43,11 +42,8 @@ test('import returns what require returns, by name and as the default', async ()
   for (const name of EXPORTS) assert.equal(named[name], tarvek[name], name);
 });
 
-test('the types have a comment for every function, and every point, stage and code', () => {
+test('the types have every hook point, stage and code', () => {
   const types = fs.readFileSync(path.join(__dirname, '../index.d.ts'), 'utf8');
-  for (const [, comment, name] of types.matchAll(/^(.*\*\/\n)?export function (\w+)/gm)) {
-    assert.ok(comment, name);
-  }
   const unions = types.matchAll(/^export type (?:HookPoint|WriteStage|ErrorCode) =([^;]+);/gm);
   const members = Array.from(unions, ([, union]) => union.match(/[\w-]+/g)).flat();
   const points = scenarios.flatMap(({ hooks }) => hooks.map(({ event }) => event.point));

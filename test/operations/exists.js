@@ -25,7 +25,7 @@ module.exports = {
   },
   layout: { f: OLD },
   special: {
-    'not below a missing directory, although the root has an entry of that name': ({ handle }) =>
+    'not below a missing directory, although the root has that name': ({ handle }) =>
       assert.equal(tarvek.exists(handle, ['nothing', 'f']), false),
   },
 };
