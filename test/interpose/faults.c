@@ -7,13 +7,11 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <linux/fs.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 // Two texts. Calls count only while there is a plan.
@@ -54,7 +52,6 @@ static const struct Flag kOpenFlags[] = {
 static const struct Flag kAtFlags[] = {{AT_SYMLINK_NOFOLLOW, "NOFOLLOW"},
                                        {AT_REMOVEDIR, "REMOVEDIR"},
                                        {AT_SYMLINK_FOLLOW, "FOLLOW"},
-                                       {RENAME_EXCHANGE, "EXCHANGE"},
                                        {0, NULL}};
 
 static void RecordFlags(long value, const struct Flag* flag) {
@@ -79,9 +76,9 @@ static void RecordPath(int fd) {
 }
 
 // `shape` has a letter for each argument: d a descriptor, D a directory stream, s a string, b
-// bytes if they are few, n a number of bytes, o the flags of an open, a the flags of another call, m
-// a mode, i an integer, c the number of a system call, t a struct stat, p an argument that is not
-// recorded. A star at the end means that the call returns a pointer.
+// bytes if they are few, n a number of bytes, o the flags of an open, a the flags of another call,
+// m a mode, i an integer, t a struct stat, p an argument that is not recorded. A star at the end
+// means that the call returns a pointer.
 static void Record(const char* name, const char* shape, const long* a) {
   RECORD("%s", name);
   for (int i = 0; shape[i] != '\0'; ++i) {
@@ -95,7 +92,6 @@ static void Record(const char* name, const char* shape, const long* a) {
     if (shape[i] == 'o') RecordFlags(number, kOpenFlags);
     if (shape[i] == 'o' && (number & O_CREAT) != 0) RECORD("\t%#o", (unsigned)a[i + 1]);
     if (shape[i] == 'a') RecordFlags(number, kAtFlags);
-    if (shape[i] == 'c') RECORD("\t%s", number == SYS_renameat2 ? "renameat2" : "unknown");
   }
 }
 
@@ -221,5 +217,4 @@ WRAP(fstat, "dt")       WRAP(__fxstat, "pdt")   WRAP(fstatat, "dsta")   WRAP(__f
 WRAP(read, "dpn")       WRAP(pread, "dpni")     WRAP(write, "dbn")      WRAP(readlinkat, "dspn")
 WRAP(dup, "d")          WRAP(close, "d")        WRAP(fsync, "d")        WRAP(getrandom, "pni")
 WRAP(mkdirat, "dsm")    WRAP(unlinkat, "dsa")   WRAP(linkat, "dsdsa")   WRAP(renameat, "dsds")
-WRAP(readdir, "D*")     WRAP(closedir, "D")     WRAP(fdopendir, "d*")   WRAP(syscall, "cdsdsa")
-WRAP(malloc, "n*")
+WRAP(readdir, "D*")     WRAP(closedir, "D")     WRAP(fdopendir, "d*")   WRAP(malloc, "n*")

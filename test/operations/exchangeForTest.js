@@ -1,5 +1,6 @@
 'use strict';
 
+const { assertTree, expectCall } = require('../support/harness.js');
 const { OLD, TREE } = require('../support/layouts.js');
 
 module.exports = {
@@ -9,13 +10,11 @@ module.exports = {
   outcomes: `
     missing  exchangeForTest =f =nothing  exchangeForTest =nothing =f  exchangeForTest =\0 =f
     -        exchangeForTest =f\0x =twin\0  exchangeForTest =a =b\\`,
-  scenarios: {
-    'exchangeForTest =leaf =other': {
-      before: [OLD, TREE],
-      after: [TREE, OLD],
-      inRootOnly: true,
-      calls: `
-        syscall renameat2 . leaf . other EXCHANGE`,
+  layout: { f: OLD, g: TREE },
+  special: {
+    'two entries change places': (ctx) => {
+      expectCall('-', ctx, 'exchangeForTest =f =g');
+      assertTree({ f: TREE, g: OLD });
     },
   },
 };

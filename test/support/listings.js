@@ -130,7 +130,7 @@ function expand(lines, words) {
 // The sequences at places of a listing, each as its line and its calls, the longest first.
 function sequencesAt(points, words) {
   const places = ['NEAR', 'FAR', 'NEAR/leaf', 'NEAR/leaf/s'];
-  const ends = ['', ' leaf', ' other', ...points.map((point) => ` ${point}`)];
+  const ends = ['', ' leaf', ' other', ...new Set(points)];
   const lines = [...sequences.keys()].flatMap((name) =>
     places.flatMap((at) => ends.map((end) => `${name} ${at}${end}`)),
   );
@@ -140,24 +140,18 @@ function sequencesAt(points, words) {
     .sort((a, b) => b.calls.length - a.calls.length);
 }
 
-// Puts the words for the directories below the root into a call.
-function unfill(call, { NEAR, FAR }) {
-  if (NEAR === '.') return call;
-  return call.replace(RegExp(` ${NEAR}\\b`, 'g'), ' NEAR').replace(RegExp(` ${FAR}\\b`), ' FAR');
-}
-
-// The reverse of expand: one line for each sequence or other call.
+// The reverse of expand and fill, as a text.
 function fold(calls, words) {
-  const points = calls.flatMap((call) => /^hook (\S+)/.exec(call)?.[1] ?? []);
-  const candidates = sequencesAt([...new Set(points)], words);
-  const folded = [];
-  for (let i = 0; i < calls.length; ) {
-    const isHere = (sequence) => sequence.calls.every((call, k) => call === calls[i + k]);
-    const sequence = candidates.find(isHere);
-    folded.push(sequence ? sequence.line : unfill(calls[i], words));
-    i += sequence ? sequence.calls.length : 1;
+  const points = calls.map((call) => /^hook( \S+)/.exec(call)?.[1] ?? '');
+  let text = `${calls.join('\n')}\n`;
+  for (const sequence of sequencesAt(points, words)) {
+    text = text.replaceAll(`${sequence.calls.join('\n')}\n`, `${sequence.line}\n`);
   }
-  return folded;
+  const { NEAR, FAR } = words;
+  if (NEAR === '.') return text;
+  return text
+    .replace(RegExp(` ${NEAR}\\b`, 'g'), ' NEAR')
+    .replace(RegExp(` ${FAR}\\b`, 'g'), ' FAR');
 }
 
 module.exports = { FIELDS: FIELDS.all, parse, expand, fold, textsOf };

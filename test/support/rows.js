@@ -59,7 +59,7 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
     leaf,
     other: hasOther ? other : undefined,
     // The listing of a row in the root is the same with fewer directories.
-    isLongest: near.length > 0 || definition.inRootOnly,
+    isLongest: near.length > 0,
     mutates: after !== before,
     before: isMissing ? withoutParents : layoutOf(beforeLeaf, beforeOther),
     after: layoutOf(afterLeaf, afterOther, isMissing ? fresh : undefined),
@@ -80,8 +80,8 @@ const FAR = ['d'];
 // Every scenario on entries in the root and in directories below it, with and without these.
 const scenarios = fromEach(({ scenarios: rows = {} }) =>
   Object.entries(rows).flatMap(([row, definition]) => {
-    const variants = [makeScenario(row, definition, [], [], false)];
-    if (!definition.inRootOnly) variants.push(makeScenario(row, definition, NEAR, FAR, false));
+    const inRoot = makeScenario(row, definition, [], [], false);
+    const variants = [inRoot, makeScenario(row, definition, NEAR, FAR, false)];
     if (definition.makes) variants.push(makeScenario(row, definition, NEAR, FAR, true));
     return variants;
   }),
