@@ -117,6 +117,17 @@ test('entries are looked at in the directory that was opened, whatever takes its
   });
 });
 
+test('a path beyond PATH_MAX is walked', () => {
+  sandbox({ real: {} }, ({ root, handle, at }) => {
+    const names = [...Array(20).fill('n'.repeat(250)), 'link'];
+    tarvek.ensureRelativeSymlink(handle, names, ['real']);
+    const found = [...check(root), ...check(root, names)].map(({ path: name }) => name);
+    assert.deepEqual(found, [names.join('/'), names.join('/')]);
+    // fs.rmSync fails on a path that is too long.
+    execFileSync('rm', ['-r', at(names[0])]);
+  });
+});
+
 // The call before which an entry changes, what it was, what takes its place, and what is found.
 const RACES = [
   ['a directory becomes a symlink', 'openSync', {}, symlink('empty'), ['changed']],

@@ -1,10 +1,12 @@
 'use strict';
 
 const assert = require('node:assert/strict');
-const { execFileSync } = require('node:child_process');
+const { once } = require('node:events');
 const fs = require('node:fs');
 const path = require('node:path');
+const { text } = require('node:stream/consumers');
 const test = require('node:test');
+const { Worker } = require('node:worker_threads');
 const { files } = require('../package.json');
 const { enterSandbox, leaveSandbox } = require('./support/harness.js');
 
@@ -20,24 +22,31 @@ const scripts = path.resolve(fs.mkdtempSync('build/docs-'));
 test.after(() => fs.rmSync(scripts, { recursive: true }));
 const env = { ...process.env, NODE_TEST_CONTEXT: '', UV_THREADPOOL_SIZE: '1' };
 
-// Runs a program in an empty directory. Returns what it prints.
-function outputOf(code) {
+// Runs a program in an empty directory. In a thread, because a process takes longer to start.
+async function runExample(code) {
   const file = path.join(scripts, code.startsWith('import') ? 'example.mjs' : 'example.cjs');
   fs.writeFileSync(file, code);
   const ctx = enterSandbox({});
+  process.chdir(ctx.root);
   try {
-    return execFileSync(process.execPath, [file], { cwd: ctx.root, env, encoding: 'utf8' });
+    const worker = new Worker(file, { env, stdout: true });
+    const [[status], stdout] = await Promise.all([once(worker, 'exit'), text(worker.stdout)]);
+    return { status, stdout };
   } finally {
+    process.chdir(PACKAGE);
     leaveSandbox(ctx);
   }
 }
 
 // The anchors of a page's headings.
 function anchorsIn(page) {
-  const headings = textOf(page)
-    .match(/^#+ .*/gm)
-    .map((line) => line.toLowerCase());
-  return headings.map((line) => line.replace(/^#+ |[^\w -]/g, '').replaceAll(' ', '-'));
+  const headings = textOf(page).match(/^#+ .*/gm);
+  return headings.map((line) =>
+    line
+      .toLowerCase()
+      .replace(/^#+ |[^\w -]/g, '')
+      .replaceAll(' ', '-'),
+  );
 }
 
 for (const page of pages) {
@@ -55,9 +64,10 @@ for (const page of pages) {
   const examples = textOf(page).matchAll(/^```js\n(.*?)^```\n(?:\n```text\n(.*?)^```\n)?/gms);
   for (const { index, 1: code, 2: printed } of examples) {
     const line = textOf(page).slice(0, index).split('\n').length;
-    test(`an example runs, and prints what the page says: ${page}, line ${line}`, () => {
-      const output = outputOf(code);
-      if (printed !== undefined) assert.equal(output, printed);
+    test(`an example runs, and prints what the page says: ${page}, line ${line}`, async () => {
+      const run = await runExample(code);
+      assert.equal(run.status, 0);
+      if (printed !== undefined) assert.equal(run.stdout, printed);
     });
   }
 }

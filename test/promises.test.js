@@ -5,6 +5,7 @@
 
 const assert = require('node:assert/strict');
 const test = require('node:test');
+const { setTimeout: wait } = require('node:timers/promises');
 const promises = require('tarvek/promises');
 const { CLOSED, wrongCalls } = require('./support/arguments.js');
 const { inRoot, outcomeOf } = require('./support/async-root.js');
@@ -138,6 +139,22 @@ table('the bytes of a call are copied at once', Object.entries(BODIES), ([body, 
     assertTree({ f: fresh(expected) });
   }),
 );
+
+test('memory of an earlier call is used again, for no more than the bytes, and freed later', () =>
+  inRoot({}, async (root) => {
+    const body = Buffer.alloc(2 ** 20, 'a');
+    const short = Buffer.alloc(2 ** 20 - 5, 'b');
+    const before = process.memoryUsage().arrayBuffers;
+    const isKept = () => process.memoryUsage().arrayBuffers > before + 2 ** 22;
+    await Promise.all(Array.from(Array(8), () => promises.write(root, ['f'], body)));
+    await promises.write(root, ['f'], short);
+    assertTree({ f: fresh(short) });
+    assert.ok(isKept());
+    for (let waits = 0; isKept(); ++waits) {
+      assert.ok(waits < 300, 'the memory is never freed');
+      await wait(100);
+    }
+  }));
 
 const SIZES = [0, 1, 5000, 16_383, 16_384, 65_535, 65_536, 65_537, 0, ...Array(50).fill(3000)];
 

@@ -3,6 +3,7 @@
 const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
+const os = require('node:os');
 const path = require('node:path');
 const test = require('node:test');
 const { BYTES, build, treeOf } = require('./layouts.js');
@@ -43,7 +44,8 @@ function thrownBy(body) {
 
 // One directory for the whole process holds the root and what is outside it. It is in memory unless
 // TMPDIR is set, because a disk makes the tests slower.
-const parent = process.env.TMPDIR || '/dev/shm';
+const { thrown: refusal } = thrownBy(() => fs.accessSync('/dev/shm', fs.constants.W_OK));
+const parent = refusal || process.env.TMPDIR ? os.tmpdir() : '/dev/shm';
 const base = fs.mkdtempSync(path.join(fs.realpathSync(parent), 'tarvek-'));
 // The directories created in it would inherit a set-group-ID bit.
 fs.chmodSync(base, 0o700);
