@@ -15,8 +15,8 @@ const harness = require('./support/harness.js');
 const { symlink } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
-const { descriptors, enterSandbox, expectOutcome, expectProgram, leaveSandbox, lines } = harness;
-const { place, prepare, sandbox, table, thrownBy } = harness;
+const { descriptors, enterSandbox, expectOutcome, expectProgram, leaveSandbox } = harness;
+const { cellsOf, place, prepare, sandbox, table, thrownBy } = harness;
 const MIB = 2 ** 20;
 // The runtime of a sanitizer keeps freed memory, and takes the place of malloc.
 const isSanitized = /asan/.test(process.env.LD_PRELOAD ?? '');
@@ -61,7 +61,7 @@ const LAYOUT = {
   link: symlink('d'),
 };
 // Together these calls leave the tree as they found it. Through the symlink, each is refused.
-const ROUND = lines(`
+const ROUND = cellsOf(`
   exists d/f                 read d/s/g                list d/s
   capture d/f d/s            snapshot d/s              openRoot @d/s
   openRelative d/s           write d/f NEW             write d/f OLD stage

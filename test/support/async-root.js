@@ -22,7 +22,7 @@ async function inRoot(layout, body) {
     await close(root);
     leaveSandbox(ctx);
   }
-  const open = descriptors(ctx.before).filter((entry) => entry.includes(place.root));
+  const open = descriptors(ctx.openBefore).filter((entry) => entry.includes(place.root));
   assert.deepEqual(open, [], 'descriptors are left open');
 }
 

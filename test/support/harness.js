@@ -1,5 +1,7 @@
 'use strict';
 
+// Roots to test on, calls in words, and their outcomes.
+
 const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -9,11 +11,11 @@ const test = require('node:test');
 const { BYTES, build, treeOf } = require('./layouts.js');
 const tarvek = require('./tarvek.js');
 
-// The lines of a text, each split at two or more spaces.
-const lines = (text) => Array.from(text.trim().split('\n'), (line) => line.trim().split(/ {2,}/));
+// A list of the cells of each line. Two or more spaces are between cells.
+const cellsOf = (text) => Array.from(text.trim().split('\n'), (line) => line.trim().split(/ {2,}/));
 
 // The failures of the module. Every table names them by the first word.
-const FAILURES = lines(`
+const FAILURES = cellsOf(`
   outside            PATH_OUT_OF_ROOT     Path validation refused outside the permitted root
   missing            NOT_FOUND            Requested repository-local record is absent
   storage            FILESYSTEM_FAILURE   Repository-local storage operation failed
@@ -34,6 +36,7 @@ const FAILURES = lines(`
 const failures = new Map(FAILURES.map(([name, code, message]) => [name, { code, message }]));
 const codes = FAILURES.map(([, code]) => code);
 
+// Returns { result } if the body returns, and { thrown } if it throws.
 function thrownBy(body) {
   try {
     return { result: body() };
@@ -62,6 +65,7 @@ process.umask(UMASK);
 // report of a sanitizer, and one that Node reserves with its first socket.
 const IGNORED = / (undefined|\/proc\/sys\/vm\/overcommit_memory|.*\/report\.\d+|\/dev\/null)$/;
 
+// The numbers of the open descriptors, as texts.
 function openNumbers() {
   // Reading the directory takes the lowest free number for itself.
   const free = fs.openSync('/proc/self/fd');
@@ -82,7 +86,7 @@ function descriptors(except = []) {
 
 // A root directory with this layout, open as `handle`. open(at, flags) opens a descriptor to borrow.
 function enterSandbox(layout) {
-  const ctx = { ...place, before: openNumbers(), borrowed: [] };
+  const ctx = { ...place, openBefore: openNumbers(), borrowed: [] };
   ctx.open = (at, flags) => {
     const fd = fs.openSync(at, flags);
     ctx.borrowed.push(fd);
@@ -110,7 +114,7 @@ function sandbox(layout, body) {
   } finally {
     leaveSandbox(ctx);
   }
-  assert.deepEqual(descriptors(ctx.before), [], 'a descriptor is left open');
+  assert.deepEqual(descriptors(ctx.openBefore), [], 'a descriptor is left open');
   assert.equal(process.umask(UMASK), UMASK, 'the umask');
 }
 
@@ -126,7 +130,7 @@ function argument(ctx, word) {
   if (word.startsWith('@')) return ctx.at(word.slice(1));
   if (!word.startsWith('fd:')) return word.split('/');
   const [, name, flags] = word.split(':');
-  return ctx.open(ctx.at(name), Number(flags) || flags);
+  return ctx.open(ctx.at(name), /^\d+$/.test(flags) ? Number(flags) : flags);
 }
 
 const WITHOUT_HANDLE = ['open', 'openRoot', 'setTestHook'];
@@ -196,7 +200,7 @@ function expectPassedOn(callWith) {
   }
 }
 
-// The image of a directory with this layout.
+// What treeOf returns for a directory with this layout.
 function imageOf(layout) {
   const at = path.join(base, 'expected');
   build(at, layout);
@@ -247,7 +251,7 @@ function expectProgram(name, ...args) {
 }
 
 module.exports = {
-  lines,
+  cellsOf,
   failures,
   codes,
   thrownBy,

@@ -5,7 +5,7 @@
 
 const assert = require('node:assert/strict');
 const path = require('node:path');
-const { lines, place } = require('./harness.js');
+const { cellsOf, place } = require('./harness.js');
 const { OLD, fifo, fresh, hardlink, nest, socket, symlink } = require('./layouts.js');
 const { expand, parse } = require('./listings.js');
 const { operations } = require('./operations.js');
@@ -99,9 +99,10 @@ const AROUND = { file: OLD, tree: { f: OLD }, twin: OLD };
 
 // Calls on an entry of each kind at the leaf d/f, and above it, at d: [name, layout, call, outcome].
 const kinds = fromEach(({ kinds: text = '' }) => {
-  const [[, ...heads], ...rows] = lines(text);
+  const [[, ...heads], ...rows] = cellsOf(text);
   return rows.flatMap(([call, ...cells]) => {
     const [nothing, noParent] = cells.slice(-2);
+    // The outcomes if d itself is of a kind: with a directory there, nothing is at d/f.
     const above = { nothing: noParent, 'a directory': nothing };
     return heads.slice(0, -1).flatMap((kind, column) =>
       KINDS[kind].flatMap((entry, i) => {
@@ -129,7 +130,7 @@ const ENTRIES = {
 
 // Calls with arguments that fit or do not fit the disk or each other: [name, layout, call, outcome].
 const fitting = fromEach(({ outcomes: text = '' }) =>
-  lines(text).flatMap(([expected, ...calls]) =>
+  cellsOf(text).flatMap(([expected, ...calls]) =>
     calls.map((call) => [`${call}, ${expected}`, ENTRIES, call, expected]),
   ),
 );
