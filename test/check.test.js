@@ -46,7 +46,7 @@ test('every obstacle is found, with the code that capture throws, and nothing ch
     const image = () => String(execFileSync('find', [root, '-printf', '%p %i %m %n %T@ %C@\n']));
     const before = image();
     const found = JSON.parse(expectProgram('check-as-other.js', root));
-    assert.equal(image(), before);
+    assert.equal(image(), before, 'the disk');
     const shown = found.map(([kind, line]) => [kind, line.split(': ')[0]]);
     const expected = OBSTACLES.map(([, , kind, name]) => [kind, name]);
     assert.deepEqual(shown, expected);
@@ -107,7 +107,7 @@ test('entries are looked at in the directory that was opened, whatever takes its
     const found = [];
     for (const { path: name } of check(root, ['inside'])) {
       found.push(name);
-      // While descriptors are open.
+      // Leaves the walk while its descriptors are open. The sandbox finds any that stays open.
       if (name === 'inside/c') break;
       fs.renameSync(at('inside'), at('away'));
       fs.symlinkSync('outside', at('inside'));

@@ -31,8 +31,8 @@ table('bytes come back unchanged', sizes, (size) => {
       ...Object.values(tarvek.snapshot(handle, ['d'])),
       tarvek.read(handle, ['d', 'a']),
     ];
-    assert.equal(copies.length, 7);
-    for (const copy of copies) assert.ok(Buffer.isBuffer(copy) && copy.equals(bytes));
+    assert.equal(copies.length, 7, 'three each from capture and snapshot, one from read');
+    for (const copy of copies) assert.ok(Buffer.isBuffer(copy) && copy.equals(bytes), 'a Buffer');
   });
 });
 

@@ -17,7 +17,7 @@ const packed = ['README.md', 'LICENSE', ...files];
 const inDocs = fs.readdirSync('docs').map((name) => `docs/${name}`);
 const pages = [...packed, ...inDocs].filter((name) => name.endsWith('.md'));
 
-// Only a file in this package finds it by its name.
+// In the package, because only a file in it can require it by its name.
 const scripts = path.resolve(fs.mkdtempSync('build/docs-'));
 test.after(() => fs.rmSync(scripts, { recursive: true }));
 const env = { ...process.env, NODE_TEST_CONTEXT: '', UV_THREADPOOL_SIZE: '1' };

@@ -41,6 +41,7 @@ test('the memory of a large Buffer returns to the system when the Buffer is coll
     fs.truncateSync(ctx.at('f'), 24 * MIB);
     const before = residentSize();
     call(ctx, 'read f');
+    // In a heap of the C library, these would lie behind that memory and keep it from being returned.
     const later = Array.from(Array(200), () => Buffer.alloc(5000));
     const growth = residentSize() - before;
     assert.ok(isSanitized || growth < 12 * MIB, `${growth} bytes more, ${later.length} Buffers`);
@@ -97,11 +98,11 @@ test('a long run of calls leaks neither memory nor descriptors', async (t) => {
     [...prepare(ctx, words), undefined],
     [...prepare(ctx, words.replace(/\bd\//g, 'link/')), 'PATH_OUT_OF_ROOT'],
   ]);
-  const warmth = round.length * 100;
-  await sizeAfter(warmth, ctx.handle, round);
+  const warmingUp = round.length * 100;
+  await sizeAfter(warmingUp, ctx.handle, round);
   // Counted only: the path of an open file reads differently after the file was renamed.
   const before = descriptors().length;
-  let size = await sizeAfter(warmth, ctx.handle, round);
+  let size = await sizeAfter(warmingUp, ctx.handle, round);
   let growth = Infinity;
   // The engine's heap may grow in one round, a leak in every round.
   for (let tries = 0; growth > SLACK && tries < 3; tries += 1) {
@@ -129,7 +130,7 @@ const DEEP = [
 
 function expectDepth(operation, argument, count) {
   // The whole path is longer than the system accepts, and a recursion would need more than this stack.
-  const levels = Math.min(2100, Math.floor((DESCRIPTORS - 200) / count));
+  const levels = Math.min(2100, Math.floor((Number(DESCRIPTORS) - 200) / count));
   const limits = [['--stack=262144:', '--nofile=500:'], [`--nofile=${DESCRIPTORS}:`]];
   const plan = { root: place.root, operation, argument, limits };
   execFileSync('mkdir', ['-p', place.at('chain', 'd/'.repeat(levels))]);

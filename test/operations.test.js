@@ -13,7 +13,7 @@ const promises = require('tarvek/promises');
 const { CLOSED, calls, replaceAt, wrongCalls } = require('./support/arguments.js');
 const { assertTree, attempt, expectCall, expectPassedOn } = require('./support/harness.js');
 const { prepare, sandbox, table } = require('./support/harness.js');
-const { OLD, build } = require('./support/layouts.js');
+const { build } = require('./support/layouts.js');
 const { operations } = require('./support/operations.js');
 const { fitting, kinds, scenarios } = require('./support/rows.js');
 const tarvek = require('./support/tarvek.js');
@@ -149,7 +149,8 @@ function swapDirectory(ctx, name, layout, swap) {
 
 // The bytes of a call get memory of their own, which a hook can transfer ("gone") or, except in old
 // versions of Node, resize. Memory that grew still holds the bytes.
-const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, 30] : ['gone'];
+const GROWN = 30;
+const LENGTHS = ArrayBuffer.prototype.resize ? ['gone', 0, 2, GROWN] : ['gone'];
 function changeMemory({ memory }, length) {
   if (length === 'gone') structuredClone(memory, { transfer: [memory] });
   else memory.resize(length);
@@ -175,9 +176,10 @@ function attacksAt(notes, { call, before }) {
       attacks.push([`${directory} swapped ${how}`, act, notes[directory]]);
     }
   }
-  for (const length of / (OLD|NEW)/.test(call) ? LENGTHS : []) {
+  const lengths = / (OLD|NEW)/.test(call) ? LENGTHS : [];
+  for (const length of lengths) {
     const act = (ctx) => changeMemory(ctx, length);
-    attacks.push([`bytes ${length}`, act, length > OLD.length ? '-' : notes.bytes]);
+    attacks.push([`bytes ${length}`, act, length === GROWN ? '-' : notes.bytes]);
   }
   return attacks;
 }

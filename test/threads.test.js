@@ -36,7 +36,7 @@ test('a hook is collected after it was replaced or removed, and not before', asy
   const hooks = ['first', 'second'].map(set);
   await collected();
   tarvek.close(tarvek.openRoot(place.base));
-  assert.equal(fired[0], 'second');
+  assert.equal(fired[0], 'second', 'the hook that was called');
   assert.equal(hooks[0].deref(), undefined, 'the replaced hook is gone');
   tarvek.setTestHook();
   await collected();
@@ -64,14 +64,12 @@ test('threads number their temporary files together, so that no name is used twi
   const names = (await Promise.all(threads)).flat();
   const parts = names.map((name) => TEMPORARY.exec(name));
   const digits = parts.map(([, , random]) => random);
-  assert.equal(new Set(digits).size, names.length);
-  assert.doesNotMatch(digits.join(''), /0{16}/);
+  assert.equal(new Set(digits).size, names.length, 'random digits are used twice');
+  assert.doesNotMatch(digits.join(''), /0{16}/, 'random bytes are missing');
   const numbers = parts.map(([, number]) => Number(number));
   numbers.sort((a, b) => a - b);
-  assert.deepEqual(
-    numbers,
-    numbers.map((_, i) => numbers[0] + i),
-  );
+  const consecutive = numbers.map((_, i) => numbers[0] + i);
+  assert.deepEqual(numbers, consecutive);
 });
 
 test('descriptor 0 works like any other', (t) => {

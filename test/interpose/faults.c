@@ -49,10 +49,8 @@ static const struct Flag kOpenFlags[] = {
     FLAG(O_, WRONLY),   FLAG(O_, RDWR),    FLAG(O_, CREAT),    FLAG(O_, EXCL),
     FLAG(O_, TRUNC),    FLAG(O_, APPEND),  FLAG(O_, NONBLOCK), FLAG(O_, DIRECTORY),
     FLAG(O_, NOFOLLOW), FLAG(O_, CLOEXEC), {0, NULL}};
-static const struct Flag kAtFlags[] = {{AT_SYMLINK_NOFOLLOW, "NOFOLLOW"},
-                                       {AT_REMOVEDIR, "REMOVEDIR"},
-                                       {AT_SYMLINK_FOLLOW, "FOLLOW"},
-                                       {0, NULL}};
+static const struct Flag kAtFlags[] = {
+    {AT_SYMLINK_NOFOLLOW, "NOFOLLOW"}, {AT_REMOVEDIR, "REMOVEDIR"}, {0, NULL}};
 
 static void RecordFlags(long value, const struct Flag* flag) {
   const char* separator = "\t";
@@ -128,7 +126,7 @@ static void Alter(struct stat* result, const struct Plan* plan, int isFirst) {
   if (result->st_ino == altered) AlterField(result, plan->field);
 }
 
-static int Failed(const char* shape, long result) {
+static int HasFailed(const char* shape, long result) {
   return strchr(shape, '*') ? result == 0 && errno != 0 : (int)result < 0;
 }
 
@@ -163,9 +161,9 @@ static long Act(Function* real, const char* name, const char* shape, long* a, st
     Alter((struct stat*)a[stat - shape], &plan, nth == 0);
   }
   // A successful call may leave any value in errno, so leave a wrong one. Except at the end of a
-  // file or directory, and in unlinkat: after it, write reads the errno of an earlier failure.
+  // file or directory, and in unlinkat: write() of the module reads an earlier errno after it.
   const int isEnd = result == 0 && strpbrk(shape, "n*") != NULL;
-  if (!Failed(shape, result) && !isEnd && strcmp(name, "unlinkat") != 0) errno = ENOENT;
+  if (!HasFailed(shape, result) && !isEnd && strcmp(name, "unlinkat") != 0) errno = ENOENT;
   return result;
 }
 
@@ -180,7 +178,7 @@ static int IsModule(void* address) {
 static long Intercept(Function* real, const char* name, const char* shape, long* a, void* from) {
   const int before = errno;
   if (state.plan[0] == '\0' || !IsModule(from)) return CALL(real, a);
-  // Hook points are added to the record between two calls.
+  // The tests add hook points to the record between two calls.
   length = strlen(state.record);
   if (length == 0) calls = 0;
   Record(name, shape, a);
@@ -190,7 +188,7 @@ static long Intercept(Function* real, const char* name, const char* shape, long*
   const int error = errno;
   const int isEntry = strcmp(name, "readdir") == 0 && result != 0;
   if (isEntry && ((struct dirent*)result)->d_name[0] == '.') RECORD("\tof . or ..");
-  RECORD("\t%d\n", Failed(shape, result) ? error : 0);
+  RECORD("\t%d\n", HasFailed(shape, result) ? error : 0);
   errno = error;
   return result;
 }

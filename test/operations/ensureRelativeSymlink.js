@@ -10,7 +10,7 @@ module.exports = {
     the call                        a symlink  a hard link  special  a directory  a file   nothing  no parent
     ensureRelativeSymlink free d/f  outside    outside      outside  -            outside  missing  missing
     ensureRelativeSymlink d/f tree  entry      entry        entry    entry        entry    -        -`,
-  // The symlinks l/2 to l/7 lead to a in another way or lead elsewhere.
+  // Only l/0 has the text for a, and l/1 for l/d.
   outcomes: `
     -        ensureRelativeSymlink l/0 a  ensureRelativeSymlink l/1 l/d
     entry    ensureRelativeSymlink l/2 a  ensureRelativeSymlink l/3 a  ensureRelativeSymlink l/4 a

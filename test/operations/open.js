@@ -1,6 +1,6 @@
 'use strict';
 
-// Another name of openRoot, but a function of its own.
+// Another export of the code of openRoot, whose scenario is not repeated here.
 
 module.exports = {
   call: 'open @',

@@ -25,9 +25,9 @@ module.exports = {
       after: [],
       calls: `
         reach     NEAR leaf
-        fstatat   NEAR leaf NOFOLLOW                      ! link: outside; special: storage
+        fstatat   NEAR leaf NOFOLLOW                    ! link: outside; special: storage
         openat    NEAR leaf DIRECTORY|NOFOLLOW|CLOEXEC
-        dup       NEAR/leaf                               ! fails: storage
+        dup       NEAR/leaf                             ! fails: storage
         fdopendir NEAR/leaf
         readdir   NEAR/leaf
         fstatat   NEAR/leaf g NOFOLLOW                  ! links link: outside

@@ -34,8 +34,8 @@ module.exports = {
   },
   special: {
     'a FIFO, put in place before the open, is refused at once': () => {
-      const [call, point] = ['removeIfEquals f OLD', 'remove-if-equals-open'];
-      expectProgram('fifo.js', call, point, 'removal', 'removal');
+      const words = ['removeIfEquals f OLD', 'remove-if-equals-open', 'removal', 'removal'];
+      expectProgram('fifo.js', ...words);
     },
   },
 };

@@ -17,7 +17,8 @@ module.exports = {
       for (const args of [...REMOVING, ...REFUSED]) {
         tarvek.setTestHook(assert.fail);
         const { thrown } = thrownBy(() => tarvek.setTestHook(...args));
-        assert.equal(thrown?.code, REFUSED.includes(args) ? 'FILESYSTEM_FAILURE' : undefined);
+        const expected = REFUSED.includes(args) ? 'FILESYSTEM_FAILURE' : undefined;
+        assert.equal(thrown?.code, expected, `with the arguments ${JSON.stringify(args)}`);
         fire(ctx);
       }
     },
@@ -28,7 +29,7 @@ module.exports = {
         tarvek.setTestHook();
       });
       fire(ctx);
-      assert.equal(fired, 1);
+      assert.equal(fired, 1, 'calls of the hook');
     },
   },
 };

@@ -6,6 +6,7 @@ const { expectPassedOn, thrownBy } = require('../support/harness.js');
 const { TREE } = require('../support/layouts.js');
 const tarvek = require('../support/tarvek.js');
 
+// In the order of their bytes. The file of each contains its name.
 const KEYS = ['10', '9', '__proto__', 'constructor', 's/a', 't', 'ｚ', '😀'];
 
 // Takes a snapshot of d while Object.create is this function.
@@ -55,18 +56,17 @@ module.exports = {
   special: {
     'a key for every file, in the order of bytes, on what Object.create returns': (ctx) => {
       for (const key of KEYS) fs.writeFileSync(ctx.at('d', key), key);
-      const set = [];
+      const defined = [];
       const made = new Proxy(Object.create(null), {
-        defineProperty: (_, key, { value }) => set.push([key, String(value)]),
+        defineProperty(_, key, { value }) {
+          defined.push([key, String(value)]);
+          return true;
+        },
       });
-      assert.equal(
-        snapshotWith(() => made, ctx),
-        made,
-      );
-      assert.deepEqual(
-        set,
-        KEYS.map((key) => [key, key]),
-      );
+      const result = snapshotWith(() => made, ctx);
+      assert.equal(result, made);
+      const expected = KEYS.map((key) => [key, key]);
+      assert.deepEqual(defined, expected);
     },
     'what Object.create throws is passed on': (ctx) =>
       expectPassedOn((thrower) => thrownBy(() => snapshotWith(thrower, ctx))),

@@ -6,7 +6,7 @@
 
 const fs = require('node:fs');
 const { expectCall, sandbox } = require('../support/harness.js');
-const { OLD, fifo } = require('../support/layouts.js');
+const { OLD, build, fifo } = require('../support/layouts.js');
 
 const words = process.argv.slice(2).map((word) => JSON.parse(word));
 const [call, point, withReader, withoutReader] = words;
@@ -17,7 +17,7 @@ function expectWith(hasReader, expected) {
     const act = (event) => {
       if (event.point !== point) return;
       fs.rmSync(ctx.at('f'));
-      fifo()(ctx.at('f'));
+      build(ctx.at('f'), fifo());
       if (hasReader) ctx.open(ctx.at('f'), O_RDONLY | O_NONBLOCK);
     };
     expectCall(expected, ctx, call, act);

@@ -13,13 +13,14 @@ const namesWith = (bad) => [[bad], ['f', bad], [bad, 'f']];
 const BAD_SEGMENTS = [...BAD_NAMES, 'a\\b', 'a\0b'].flatMap(namesWith);
 const ENDLESS = [];
 ENDLESS.length = 2 ** 32 - 1;
-const NOT_NAMES = [{ 0: 'f', length: 1 }, [], [1], [['f']], new Proxy(['f'], {}), ENDLESS];
-const SEGMENTS = [...WRONG_TYPES, ...NOT_NAMES, ...BAD_SEGMENTS];
+const NOT_LISTS_OF_NAMES = [{ 0: 'f', length: 1 }, [], [1], [['f']], new Proxy(['f'], {}), ENDLESS];
+const SEGMENTS = [...WRONG_TYPES, ...NOT_LISTS_OF_NAMES, ...BAD_SEGMENTS];
 const PATHS = '/ // /tmp/ //tmp /tmp//x /tmp/./x /tmp/../x /nowhere/.. /. /tmp\\x /tmp/\0/x /x\0';
 
-// A closed handle. Each sandbox has one of its own in its place.
+// Stands for a closed handle. Each sandbox has one of its own in its place.
 const CLOSED = { [inspect.custom]: () => 'a closed handle' };
 
+// The bad values of each kind of argument. `external` is a handle that may be closed.
 const BAD = {
   path: [...allBut('string'), '', 'f', ...PATHS.split(' ')],
   external: WRONG_TYPES,

@@ -62,21 +62,22 @@ function note(...words) {
 }
 
 // Whether the listings leave a call out: what openRoot does above the root, because the number of
-// directories there varies, and a readdir that returns "." or "..", because their position does. Kept
-// are the first and the last calls of openRoot, on "/", and those that lead from above to the root.
-function isLeftOut(name, [at, second, index]) {
-  if (at === 'root-ancestor-open') return index < place.depth - 1;
+// directories there varies, and a readdir that returns "." or "..", because their position does. The
+// record says so after its path. Kept are the first and the last calls of openRoot, on "/", and those
+// that lead from above to the root.
+function isLeftOut(name, [first, second, third]) {
+  if (first === 'root-ancestor-open') return Number(third) < place.depth - 1;
   if (name === 'readdir') return second !== undefined;
-  const isAbove = at.startsWith('/') && place.base.startsWith(at);
-  const isOnSlash = at === '/' && ['open', 'dup', 'close'].includes(name);
+  const isAbove = first.startsWith('/') && place.base.startsWith(first);
+  const isOnSlash = first === '/' && ['open', 'dup', 'close'].includes(name);
   return isAbove && second !== 'root' && !isOnSlash;
 }
 
 // The line for a call in a listing.
-const isBelow = (at) => at === place.base || at.startsWith(place.root);
 function lineOf(name, args, error) {
-  const words = args.map((arg) => (isBelow(arg) ? path.relative(place.root, arg) || '.' : arg));
-  if (words[0] === 'root-ancestor-open') words[2] -= place.depth;
+  const isRelative = (arg) => arg === place.base || arg.startsWith(place.root);
+  const words = args.map((arg) => (isRelative(arg) ? path.relative(place.root, arg) || '.' : arg));
+  if (words[0] === 'root-ancestor-open') words[2] = String(Number(words[2]) - place.depth);
   if (error) words.push('=', error);
   return [name, ...words].map((word) => (word === '' ? '""' : word)).join(' ');
 }
@@ -115,7 +116,7 @@ function closeLeftDuplicate(before) {
   fs.closeSync(parseInt(left[0], 10));
 }
 
-// What goes wrong in no call.
+// The plan in which nothing goes wrong.
 const NOTHING = { first: 0, action: 'nothing' };
 
 // Makes the scenario's call. The plan makes `count` system calls go wrong, from number `first`, which

@@ -7,17 +7,18 @@ const fs = require('node:fs');
 const path = require('node:path');
 const { failures } = require('./harness.js');
 
-// The ways in which a look at a file can report something that is not so.
-const FIELDS = {
+// What a look at a file can report wrongly, and the words for several of these.
+const GROUPS = {
   identity: ['device', 'inode'],
   type: ['link', 'special'],
   names: ['links', 'unlinked'],
   size: ['smaller', 'larger', 'negative'],
   times: ['mtime', 'mtimeNs', 'ctime', 'ctimeNs'],
 };
-FIELDS.all = [...Object.values(FIELDS).flat(), 'mode'];
+const FIELDS = [...Object.values(GROUPS).flat(), 'mode'];
+GROUPS.all = FIELDS;
 
-const FAULTS = ['fails', 'short', 'zero', 'close', 'bytes', ...FIELDS.all];
+const FAULTS = ['fails', 'short', 'zero', 'close', 'bytes', ...FIELDS];
 const OUTCOMES = [...failures.keys(), '-', 'false', 'less', 'other'];
 
 const isErrno = (word) => word in constants.errno;
@@ -38,7 +39,7 @@ function parseNotes(text) {
   const notes = {};
   for (const part of text.split('; ')) {
     const [, once = '', words, outcome] = /^(once )?(.*): (.*)$/.exec(part);
-    for (const word of words.split(' ').flatMap((one) => FIELDS[one] ?? one)) {
+    for (const word of words.split(' ').flatMap((one) => GROUPS[one] ?? one)) {
       checkNote(word, outcome);
       notes[once + word] = outcome;
     }
@@ -127,7 +128,8 @@ function expand(lines, words) {
   });
 }
 
-// The sequences at places of a listing, each as its line and its calls, the longest first.
+// The sequences at places of a listing, each as its line and its calls, the longest first. A point is
+// the name of a hook point after a space.
 function sequencesAt(points, words) {
   const places = ['NEAR', 'FAR', 'NEAR/leaf', 'NEAR/leaf/s'];
   const ends = ['', ' leaf', ' other', ...new Set(points)];
@@ -154,4 +156,4 @@ function fold(calls, words) {
     .replace(RegExp(` ${FAR}\\b`, 'g'), ' FAR');
 }
 
-module.exports = { FIELDS: FIELDS.all, parse, expand, fold, textsOf };
+module.exports = { FIELDS, parse, expand, fold, textsOf };

@@ -1,7 +1,6 @@
 'use strict';
 
-// The files of test/operations/ by the names of their functions. test/README.md explains what is in
-// them.
+// The files of test/operations/ by the names of their functions. test/README.md explains them.
 
 const fs = require('node:fs');
 const path = require('node:path');
