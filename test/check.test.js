@@ -10,16 +10,12 @@ const { mock, test } = require('node:test');
 const { check } = require('tarvek/check');
 const { bin, version } = require('../package.json');
 const { expectProgram, place, sandbox, table } = require('./support/harness.js');
-const { build, fifo, hardlink, symlink, withMode } = require('./support/layouts.js');
+const { build, fifo, hardlink, sparse, symlink, withMode } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
 const COMMAND = path.join(__dirname, '..', bin.tarvek);
 const LEFTOVER = `.tarvek-12-3-${'a'.repeat(32)}`;
 const link = symlink('x');
-const huge = (at) => {
-  fs.writeFileSync(at, '');
-  fs.truncateSync(at, 2 ** 43);
-};
 // Appends two bytes to its name that no string can hold.
 const notUtf8 = (at) =>
   fs.writeFileSync(Buffer.concat([Buffer.from(at), Buffer.from('ff1b', 'hex')]), '');
@@ -36,7 +32,7 @@ const OBSTACLES = [
   ['file', withMode(0, ''), 'unreadable', 'file'],
   ['hard', '', 'hard-link', 'hard'],
   ['hard2', hardlink('hard'), 'hard-link', 'hard2'],
-  ['huge', huge, 'too-large', 'huge'],
+  ['huge', sparse(2 ** 43), 'too-large', 'huge'],
 ];
 const HARMLESS = { '.tarvek-1': '', 'well é': '' };
 

@@ -41,12 +41,8 @@ async function runExample(code) {
 // The anchors of a page's headings.
 function anchorsIn(page) {
   const headings = textOf(page).match(/^#+ .*/gm);
-  return headings.map((line) =>
-    line
-      .toLowerCase()
-      .replace(/^#+ |[^\w -]/g, '')
-      .replaceAll(' ', '-'),
-  );
+  const titles = headings.map((line) => line.toLowerCase().replace(/^#+ |[^\w -]/g, ''));
+  return titles.map((title) => title.replaceAll(' ', '-'));
 }
 
 for (const page of pages) {

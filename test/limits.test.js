@@ -12,7 +12,7 @@ const { isExternal } = require('node:util').types;
 const { setFlagsFromString } = require('node:v8');
 const { runInNewContext } = require('node:vm');
 const harness = require('./support/harness.js');
-const { symlink } = require('./support/layouts.js');
+const { sparse, symlink } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
 const { descriptors, enterSandbox, expectOutcome, expectProgram, leaveSandbox } = harness;
@@ -31,14 +31,13 @@ function call(ctx, words) {
 
 // First in its process: once the C library has served large blocks, it keeps larger ones as well.
 test('the memory of a large Buffer returns to the system when the Buffer is collected', () => {
-  sandbox({ f: '' }, (ctx) => {
+  sandbox({ f: sparse(24 * MIB) }, (ctx) => {
     const residentSize = () => {
       // Another thread frees the memory of a Buffer, and a second collection waits for that.
       collect();
       collect();
       return process.memoryUsage.rss();
     };
-    fs.truncateSync(ctx.at('f'), 24 * MIB);
     const before = residentSize();
     call(ctx, 'read f');
     // In a heap of the C library, these would lie behind that memory and keep it from being returned.
@@ -153,9 +152,8 @@ const SCARCE = [
 ];
 
 function expectScarcity(operation, argument, { count, size, room, least }) {
-  const files = Object.fromEntries(Array(count).fill('').entries());
+  const files = Object.fromEntries(Array(count).fill(sparse(size)).entries());
   sandbox({ d: files }, (ctx) => {
-    for (const name of Object.keys(files)) fs.truncateSync(ctx.at('d', name), size);
     const bytes = Math.round(size * room);
     // The first call compiles what the later ones need, because compiling takes memory.
     const plan = { root: ctx.root, operation, argument, limits: [[]], room: bytes };

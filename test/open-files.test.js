@@ -17,7 +17,8 @@ const publications = require('../promises/publish.js');
 const { openRecord } = require('../promises/walk.js');
 const { inRoot, outcomeOf } = require('./support/async-root.js');
 const { assertTree, expectOutcome, place, table, thrownBy } = require('./support/harness.js');
-const { OLD, build, fifo, fresh, hardlink, symlink, treeOf } = require('./support/layouts.js');
+const { OLD, build, fifo, fresh, hardlink } = require('./support/layouts.js');
+const { sparse, symlink, treeOf } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
 const { capture, finishPublish, openFile, publishFile, read, removeLeftovers } = promises;
@@ -293,12 +294,9 @@ test('removeLeftovers removes old temporary files at any depth and nothing else'
   });
 });
 
-// Files of 8 MiB that take no room on the disk, but a while to read.
-const sparse = (at) => {
-  fs.writeFileSync(at, '');
-  fs.truncateSync(at, 8 * 2 ** 20);
-};
-const SLOW = Object.fromEntries(Array.from({ length: 20 }, (_, i) => [`f${i}`, sparse]));
+// It takes a while to read these.
+const slow = sparse(8 * 2 ** 20);
+const SLOW = Object.fromEntries(Array.from({ length: 20 }, (_, i) => [`f${i}`, slow]));
 
 test('capture tells how far it is, at most ten times a second, where it was called', () =>
   inRoot({ d: SLOW }, async (root) => {

@@ -234,17 +234,13 @@ function table(title, rows, run) {
 
 // The command that runs Node. Under an emulator it has several words.
 const NODE = process.env.TARVEK_TEST_NODE?.split('\n') ?? [process.execPath];
-const TIMEOUT = 60_000;
 
 // Runs a program of test/programs/ in a process of its own. It must end by itself, without an error.
 function expectProgram(name, ...args) {
   const [command, ...rest] = [...NODE, path.join(__dirname, '../programs', name)];
   const words = [...rest, ...args.map((value) => JSON.stringify(value))];
-  const ended = spawnSync(command, words, {
-    encoding: 'utf8',
-    timeout: TIMEOUT,
-    killSignal: 'SIGKILL',
-  });
+  const options = { encoding: 'utf8', timeout: 60_000, killSignal: 'SIGKILL' };
+  const ended = spawnSync(command, words, options);
   assert.equal(ended.signal, null, `${name} did not end by itself`);
   assert.equal(ended.status, 0, ended.stderr);
   return ended.stdout;

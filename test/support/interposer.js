@@ -51,14 +51,12 @@ const planText = Buffer.from(shared.exports, 0, PLAN_SIZE);
 const record = Buffer.from(shared.exports, PLAN_SIZE);
 
 function setPlan(words) {
-  const text = words.join(' ');
-  planText.write(`${text}\0`);
+  planText.write(`${words.join(' ')}\0`);
 }
 
 // Writes a hook point or a stage into the record, between the system calls.
 function note(...words) {
-  const text = words.join('\t');
-  record.write(`${text}\t0\n\0`, record.indexOf(0));
+  record.write(`${words.join('\t')}\t0\n\0`, record.indexOf(0));
 }
 
 // Whether the listings leave a call out: what openRoot does above the root, because the number of
@@ -91,27 +89,25 @@ function recordedCalls() {
     // Older C libraries have __fxstat in place of fstat.
     .replaceAll('__fx', 'f');
   let count = 0;
-  return text
-    .split('\n')
-    .slice(0, -1)
-    .map((line) => {
-      const [name, ...args] = line.split('\t');
-      const code = Number(args.pop());
-      const error = code > 0 ? getSystemErrorName(-code) : undefined;
-      const isCall = name !== 'hook' && name !== 'stage';
-      if (isCall) count += 1;
-      return {
-        nth: isCall ? count : undefined,
-        name,
-        error,
-        text: isLeftOut(name, args) ? undefined : lineOf(name, args, error),
-      };
-    });
+  const lines = text.split('\n').slice(0, -1);
+  return lines.map((line) => {
+    const [name, ...args] = line.split('\t');
+    const code = Number(args.pop());
+    const error = code > 0 ? getSystemErrorName(-code) : undefined;
+    const isCall = name !== 'hook' && name !== 'stage';
+    if (isCall) count += 1;
+    return {
+      nth: isCall ? count : undefined,
+      name,
+      error,
+      text: isLeftOut(name, args) ? undefined : lineOf(name, args, error),
+    };
+  });
 }
 
 // If fdopendir failed, the module has left the duplicate open, as its interface requires.
-function closeLeftDuplicate(before) {
-  const left = descriptors(before);
+function closeLeftDuplicate(openBefore) {
+  const left = descriptors(openBefore);
   assert.equal(left.length, 1, 'the duplicate is left open');
   fs.closeSync(parseInt(left[0], 10));
 }
@@ -131,13 +127,13 @@ function run(scenario, plan, verify) {
     ctx.stage = (stage) => note('stage', stage);
     tarvek.setTestHook(({ point, segment, index }) => note('hook', point, segment, index));
     const [operation, args] = prepare(ctx, scenario.call);
-    const open = name === 'fdopendir' ? openNumbers() : [];
+    const openBefore = name === 'fdopendir' ? openNumbers() : [];
     record[0] = 0;
     setPlan([action, first, count, ...errors, field]);
     const outcome = thrownBy(() => tarvek[operation](...args));
     setPlan([]);
     tarvek.setTestHook();
-    if (name === 'fdopendir') closeLeftDuplicate(open);
+    if (name === 'fdopendir') closeLeftDuplicate(openBefore);
     verify({ ctx, outcome, after: treeOf(ctx.root) });
   });
 }

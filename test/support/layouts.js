@@ -21,6 +21,12 @@ const symlink = (text) => (at) => fs.symlinkSync(text, at);
 const hardlink = (sibling) => (at) => fs.linkSync(path.join(path.dirname(at), sibling), at);
 const fifo = () => (at) => execFileSync('mkfifo', [at]);
 
+// A file of zeros, which takes no room on the disk.
+const sparse = (size) => (at) => {
+  fs.writeFileSync(at, '');
+  fs.truncateSync(at, size);
+};
+
 const socket = () => (at) => {
   const server = net.createServer().listen(`${at}~`);
   try {
@@ -87,6 +93,7 @@ module.exports = {
   hardlink,
   fifo,
   socket,
+  sparse,
   withMode,
   fresh,
   build,
