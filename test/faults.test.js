@@ -1,10 +1,8 @@
 'use strict';
 
 // Compares the system calls of every operation with its listing in test/operations/. Then makes each
-// call go wrong: it fails with one of several errnos, moves fewer bytes, or, for fstat and fstatat,
-// reports another value, once or from there on. The operation must end as the note on the call's
-// line says. Without a note, a failing call must end the operation in the failure of its errno, and
-// leave the disk as the calls before it left it. Any other fault must make no difference.
+// call go wrong in each way that test/README.md explains, and compares the end with the listing's notes
+// and the disk with what the calls before it left.
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
@@ -28,7 +26,6 @@ const FOREVER = 1 << 30;
 
 const rowsOf = (list) => list.map((scenario) => [scenario.name, scenario]);
 const isListed = ({ text }) => text !== undefined;
-// The flushed paths, in order.
 const flushesIn = (calls) => textsOf(calls.filter(({ name }) => name === 'fsync'));
 
 // Runs the scenario without a fault. Returns the result, the calls, the trees before and after, and
@@ -135,7 +132,7 @@ function verifyFault(scenario, normal, plan, expected) {
   });
 }
 
-const faulty = scenarios.filter(({ isLongest }) => isLongest);
+const faulty = scenarios.filter(({ isDeep }) => isDeep);
 
 // A sequence is the same code in every operation. Each of its calls is tried in full where it stands
 // first. Elsewhere it fails in one way, which shows that the operation ends when the sequence fails.
@@ -152,15 +149,13 @@ function faultsToTry(call, listed) {
   return isRepeated ? faults.filter(isOneWay) : faults;
 }
 
-const FAULTS = 'any fault at any system call ends as its listing says';
-table(FAULTS, rowsOf(faulty), (scenario) => {
+table('any fault at any system call ends as its listing says', rowsOf(faulty), (scenario) => {
   const normal = rehearse(scenario);
   const calls = normal.calls.filter(isListed);
   assert.equal(calls.length, scenario.listing.length, 'the number of calls in the listing');
   const wrong = [];
   for (const [i, listed] of scenario.listing.entries()) {
     const { nth, text } = calls[i];
-    // Hooks and stages have no number.
     if (nth === undefined) continue;
     for (const [plan, expected] of faultsToTry(calls[i], listed)) {
       const { thrown } = thrownBy(() => verifyFault(scenario, normal, plan, expected));

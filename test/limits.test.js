@@ -11,12 +11,12 @@ const { setImmediate: nextTurn } = require('node:timers/promises');
 const { isExternal } = require('node:util').types;
 const { setFlagsFromString } = require('node:v8');
 const { runInNewContext } = require('node:vm');
-const harness = require('./support/harness.js');
+const { cellsOf, descriptors, enterSandbox, expectOutcome } = require('./support/harness.js');
+const { expectProgram, leaveSandbox, place, prepare } = require('./support/harness.js');
+const { sandbox, table, thrownBy } = require('./support/harness.js');
 const { sparse, symlink } = require('./support/layouts.js');
 const tarvek = require('./support/tarvek.js');
 
-const { descriptors, enterSandbox, expectOutcome, expectProgram, leaveSandbox } = harness;
-const { cellsOf, place, prepare, sandbox, table, thrownBy } = harness;
 const MIB = 2 ** 20;
 // The runtime of a sanitizer keeps freed memory, and takes the place of malloc.
 const isSanitized = /asan/.test(process.env.LD_PRELOAD ?? '');

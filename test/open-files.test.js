@@ -294,7 +294,6 @@ test('removeLeftovers removes old temporary files at any depth and nothing else'
   });
 });
 
-// It takes a while to read these.
 const slow = sparse(8 * 2 ** 20);
 const SLOW = Object.fromEntries(Array.from({ length: 20 }, (_, i) => [`f${i}`, slow]));
 

@@ -68,7 +68,8 @@ const imageOutside = () => JSON.stringify(treeOf(OUTSIDE)).replace(/ \d+ /g, ' '
 // Makes calls until one was led astray or the time is over. Returns whether one was.
 async function isLedAstray(directory, [where, , create], isLinked, call, time) {
   const image = imageOutside();
-  for (const end = performance.now() + time; performance.now() < end; ) {
+  const end = performance.now() + time;
+  while (performance.now() < end) {
     for (const name of fs.readdirSync(directory)) fs.rmSync(`${directory}/${name}`);
     const file = fs.openSync(`${directory}/f`, 'w');
     fs.writeSync(file, 'inside');

@@ -161,7 +161,7 @@ static long Act(Function* real, const char* name, const char* shape, long* a, st
     Alter((struct stat*)a[stat - shape], &plan, nth == 0);
   }
   // A successful call may leave any value in errno, so leave a wrong one. Except at the end of a
-  // file or directory, and in unlinkat: write() of the module reads an earlier errno after it.
+  // file or directory, and in unlinkat: the module's `write` reads an earlier errno after it.
   const int isEnd = result == 0 && strpbrk(shape, "n*") != NULL;
   if (!HasFailed(shape, result) && !isEnd && strcmp(name, "unlinkat") != 0) errno = ENOENT;
   return result;

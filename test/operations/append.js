@@ -5,7 +5,7 @@ const { inspect } = require('node:util');
 const { assertTree, expectCall, expectProgram } = require('../support/harness.js');
 const { BYTES, OLD, fresh } = require('../support/layouts.js');
 
-// Outcomes, and pairs of an expected and a minimum size that cause them for a file of nineteen bytes.
+// An outcome, and the expected and the minimum sizes of calls that end so on a file of nineteen bytes.
 const SIZES = `
   -        0 0  -0 0  4 0  19 0  19 19  19.9 0  -0.9 0  0 -0.9  4.9 4  5 4.9  5.2 5.8  NaN 0  Infinity 0
   append   20 0  20.5 0  20 20  2147483648 0  4294967296 0  4294967315 0  9007199254740994 9  1e300 1e300
@@ -52,7 +52,6 @@ module.exports = {
   kinds: `
     the call            a symlink  a hard link  special  a directory  a file  nothing  no parent
     append d/f 0 0 NEW  outside    outside      outside  outside      -       -        -`,
-  // Each pair becomes a call.
   outcomes: SIZES.replace(/ {2}(\S+ \S+)/g, '  append f $1 NEW'),
   scenarios: {
     'append leaf 0 0 NEW, nothing': {

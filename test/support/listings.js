@@ -128,13 +128,12 @@ function expand(lines, words) {
   });
 }
 
-// The sequences at places of a listing, each as its line and its calls, the longest first. A point is
-// the name of a hook point after a space.
+// The sequences at places of a listing, each as its line and its calls, the longest first.
 function sequencesAt(points, words) {
   const places = ['NEAR', 'FAR', 'NEAR/leaf', 'NEAR/leaf/s'];
-  const ends = ['', ' leaf', ' other', ...new Set(points)];
+  const ends = ['', 'leaf', 'other', ...points];
   const lines = [...sequences.keys()].flatMap((name) =>
-    places.flatMap((at) => ends.map((end) => `${name} ${at}${end}`)),
+    places.flatMap((at) => ends.map((end) => `${name} ${at} ${end}`.trim())),
   );
   const found = lines.map((line) => ({ line, calls: textsOf(expand(parse(line), words)) }));
   return found
@@ -144,7 +143,8 @@ function sequencesAt(points, words) {
 
 // The reverse of expand and fill, as a text.
 function fold(calls, words) {
-  const points = calls.map((call) => /^hook( \S+)/.exec(call)?.[1] ?? '');
+  const hooks = calls.filter((call) => call.startsWith('hook '));
+  const points = new Set(hooks.map((call) => call.split(' ')[1]));
   let text = `${calls.join('\n')}\n`;
   for (const sequence of sequencesAt(points, words)) {
     text = text.replaceAll(`${sequence.calls.join('\n')}\n`, `${sequence.line}\n`);

@@ -59,7 +59,7 @@ function makeScenario(row, { before = [], after = before, ...definition }, near,
     leaf,
     other: hasOther ? other : undefined,
     // The listing of a row in the root is the same with fewer directories.
-    isLongest: near.length > 0,
+    isDeep: near.length > 0,
     mutates: after !== before,
     before: isMissing ? withoutParents : layoutOf(beforeLeaf, beforeOther),
     after: layoutOf(afterLeaf, afterOther, isMissing ? fresh : undefined),
