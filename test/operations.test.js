@@ -9,7 +9,6 @@ const fs = require('node:fs');
 const path = require('node:path');
 const test = require('node:test');
 const { isExternal } = require('node:util').types;
-const promises = require('tarvek/promises');
 const { CLOSED, calls, replaceAt, wrongCalls } = require('./support/arguments.js');
 const { assertTree, attempt, expectCall, expectPassedOn } = require('./support/harness.js');
 const { prepare, sandbox, table } = require('./support/harness.js');
@@ -19,7 +18,6 @@ const { fitting, kinds, scenarios } = require('./support/rows.js');
 const tarvek = require('./support/tarvek.js');
 
 const TYPES = fs.readFileSync(path.join(__dirname, '../index.d.ts'), 'utf8');
-const SYNCHRONOUS = ['setTestHook', 'exchangeForTest'];
 const HELP = '(CONTRIBUTING.md, "A new function", says what goes into it)';
 
 // What the file of a function must say.
@@ -30,15 +28,13 @@ function partsOf({ call, takes, special }) {
   return parts;
 }
 
-test('each function has its types, its promise, and tests in test/operations/', () => {
+test('each function has its types, and tests in test/operations/', () => {
   const declared = Array.from(TYPES.matchAll(/^export function (\w+)/gm), ([, name]) => name);
   const names = new Set([...Object.keys(tarvek), ...declared, ...operations.keys()]);
   const lacking = [];
   for (const name of names) {
     if (!(name in tarvek)) lacking.push(`an export ${name}`);
     if (!declared.includes(name)) lacking.push(`the declaration of ${name} in index.d.ts`);
-    const hasPromise = name in promises || SYNCHRONOUS.includes(name);
-    if (!hasPromise) lacking.push(`${name} in promises/index.js and promises/worker.js`);
     const file = operations.get(name);
     if (!file) lacking.push(`test/operations/${name}.js ${HELP}`);
     const parts = file ? partsOf(file).filter((part) => !file[part]) : [];

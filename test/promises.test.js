@@ -15,6 +15,15 @@ const { fresh } = require('./support/layouts.js');
 const { fitting, kinds, scenarios } = require('./support/rows.js');
 const synchronous = require('./support/tarvek.js');
 
+// For tests only, and only for the thread that calls them.
+const SYNCHRONOUS = ['setTestHook', 'exchangeForTest'];
+
+test('each function is here too', () => {
+  const names = Object.keys(synchronous).filter((name) => !SYNCHRONOUS.includes(name));
+  const lacking = names.filter((name) => !(name in promises));
+  assert.deepEqual(lacking, [], 'add these to promises/index.js and promises/worker.js');
+});
+
 // The rows [name, layout, call, ...rest] of the functions that are here too, without stages. A row of
 // `read` is one of `openFile` too.
 function forPromises(rows) {

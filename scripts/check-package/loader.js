@@ -4,6 +4,7 @@
 
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
+const os = require('node:os');
 const path = require('node:path');
 const { nodeOf, deno, run, runRefused, step } = require('./support.js');
 
@@ -54,8 +55,11 @@ const REFUSED = [
   ],
   ['Deno without --allow-ffi', denoWith('--allow-read'), /ffi access/, /Deno with --allow-ffi/],
 ];
+// Only the package and the data of the program, which are there. The executable may not be read.
+const OWN_FILES = [`--allow-fs-read=${os.tmpdir()}`, `--allow-fs-write=${os.tmpdir()}`];
 const LOADED = [
   node('node-26', '--permission', '--allow-addons', ...ALL_FILES),
+  node('node-26', '--permission', '--allow-addons', ...OWN_FILES),
   denoWith('--allow-ffi', '--allow-read', '--allow-write', '--allow-env'),
 ];
 
@@ -68,6 +72,16 @@ function checkLocalBuild(folder) {
   assert.match(message, /build\/Release\/tarvek\.node/);
   assert.match(message, BUILD);
   fs.rmSync(path.dirname(release), { recursive: true });
+}
+
+// The loader looks into the executable.
+function checkDescriptors(folder) {
+  const program = `
+    const count = () => fs.readdirSync('/proc/self/fd').length;
+    const before = count();
+    require('tarvek');
+    assert.equal(count(), before, 'open descriptors');`;
+  run(process.execPath, ['-e', program], { cwd: folder });
 }
 
 async function checkLoader(folder) {
@@ -85,6 +99,7 @@ async function checkLoader(folder) {
     });
   }
   for (const [command, ...args] of LOADED) run(command, args, options);
+  checkDescriptors(folder);
   checkLocalBuild(folder);
 }
 
