@@ -81,10 +81,10 @@ function freeUntil(latest, most) {
     for (; last >= 0 && freed < most; --last) {
       const [{ memory }] = entries.splice(last, 1);
       freed += size;
+      keptBytes -= size;
       free(memory);
     }
   }
-  keptBytes -= freed;
 }
 
 function freeUnused() {

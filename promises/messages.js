@@ -27,7 +27,7 @@ function bytesOf(view) {
   try {
     return new Uint8Array(get('buffer'), get('byteOffset'), get('byteLength'));
   } catch {
-    // A DataView without its memory throws. A typed array says 0.
+    // The memory of the view is gone.
     return new Uint8Array(0);
   }
 }

@@ -78,10 +78,11 @@ function checkLocalBuild(folder) {
 function checkDescriptors(folder) {
   const program = `
     require('tarvek');
-    const executable = fs.statSync(process.execPath).ino;
+    const { dev, ino } = fs.statSync(process.execPath);
     const open = fs.readdirSync('/proc/self/fd');
     const found = open.map((fd) => fs.statSync('/proc/self/fd/' + fd, { throwIfNoEntry: false }));
-    assert.ok(!found.some((stat) => stat?.ino === executable), 'the executable is still open');`;
+    const isOpen = found.some((stat) => stat?.dev === dev && stat.ino === ino);
+    assert.ok(!isOpen, 'the executable is still open');`;
   run(process.execPath, ['-e', program], { cwd: folder });
 }
 
